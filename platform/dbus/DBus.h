@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include <dbus/dbus.h>
+
+#include "platform/host/String.h"
+
+/// D-Bus as the host gives it to its services: libdbus's names and arguments, safe from any thread.
+///
+/// One I/O thread per connection is the only thread that ever calls libdbus on it: it sends what is handed to it, reads,
+/// completes calls with deadlines of its own on the monotonic clock, and hands everything else, in order, to the thread
+/// that calls dbus_connection_read_write_dispatch (the dispatch thread). Messages are libdbus's own and may be built and
+/// read on any thread, one thread at a time.
+namespace Libraries::Platform::Posix::DBus {
+
+class DBusConnection;
+class DBusPendingCall;
+
+using DBusHandleMessageFunction = DBusHandlerResult (*)(DBusConnection*, DBusMessage*, void*);
+using DBusObjectPathUnregisterFunction = void (*)(DBusConnection*, void*);
+using DBusPendingCallNotifyFunction = void (*)(DBusPendingCall*, void*);
+using DBusFreeFunction = void (*)(void*);
+
+struct DBusObjectPathVTable {
+    DBusObjectPathUnregisterFunction unregister_function;
+    DBusHandleMessageFunction message_function;
+};
+
+// Messages, iterators and errors have no connection: libdbus's own functions serve.
+using ::dbus_error_init;
+using ::dbus_error_is_set;
+using ::dbus_message_get_error_name;
+using ::dbus_message_get_interface;
+using ::dbus_message_get_member;
+using ::dbus_message_get_path;
+using ::dbus_message_get_type;
+using ::dbus_message_iter_append_basic;
+using ::dbus_message_iter_get_arg_type;
+using ::dbus_message_iter_get_basic;
+using ::dbus_message_iter_init;
+using ::dbus_message_iter_init_append;
+using ::dbus_message_iter_next;
+using ::dbus_message_iter_recurse;
+using ::dbus_message_new_method_call;
+using ::dbus_message_new_method_return;
+using ::dbus_threads_init_default;
+
+/// As libdbus's; a null message is refused with a warning on standard error and nothing else.
+void dbus_message_unref(DBusMessage* message);
+
+/// Opens a private connection to the bus and registers on it (Hello). Null on failure, with the error set. The caller
+/// owns one reference. The calling thread's interrupt (End) ends the wait.
+DBusConnection* dbus_bus_get_private(DBusBusType type, DBusError* error);
+/// Whether the process ends with the connection; the host never lets it, whatever is passed.
+void dbus_connection_set_exit_on_disconnect(DBusConnection* connection, dbus_bool_t exits);
+
+/// Waits at most `timeoutMs` milliseconds for something to dispatch (-1: no limit) and dispatches one message to the
+/// filters, in the order they were added, then to the object paths; an unhandled method call gets the standard error
+/// reply. Completions of asynchronous calls run here too. False when the connection is lost or closed and nothing is
+/// left to dispatch. One thread only, the same for the life of the connection.
+dbus_bool_t dbus_connection_read_write_dispatch(DBusConnection* connection, int timeoutMs);
+/// Makes a dbus_connection_read_write_dispatch that waits return at once (the next one, when none waits). Any thread.
+void dbus_connection_wakeup(DBusConnection* connection);
+
+/// Closes the connection, ends its I/O thread, answers every blocking caller. Asynchronous calls that are still
+/// outstanding are dropped: their user data is freed, their function is not called. Sends what was queued first.
+void dbus_connection_close(DBusConnection* connection);
+DBusConnection* dbus_connection_ref(DBusConnection* connection);
+void dbus_connection_unref(DBusConnection* connection);
+
+/// Queues a message. The caller keeps its reference. False when out of memory or the connection is lost.
+dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial);
+
+/// Sends a call and waits for its own answer and nothing else, at most `timeoutMs` (-1: the default of 25 s;
+/// DBUS_TIMEOUT_INFINITE: no limit). Null with the error set on an error reply, a time-out (NoReply), a lost connection
+/// (Disconnected), an interrupt of level End, or when the request has no bus call slot left (LimitsExceeded, see
+/// RequestContext). The caller owns the reply. Any thread, the dispatch thread included.
+DBusMessage* dbus_connection_send_with_reply_and_block(DBusConnection* connection, DBusMessage* message, int timeoutMs,
+                                                       DBusError* error);
+/// What to do with an answer whose caller left: called at most once, on the dispatch thread, with the reply (an error
+/// reply included); not called when none comes in time or the connection ends.
+using LateAnswer = std::function<void(DBusMessage* reply)>;
+/// As above, but an interrupt of level HangUp ends the wait as well; the answer, when it comes, goes to `late`.
+DBusMessage* dbus_connection_send_with_reply_and_block(DBusConnection* connection, DBusMessage* message, int timeoutMs,
+                                                       DBusError* error, LateAnswer late);
+
+/// Adds (removes) a match rule; waits for the bus's answer when `error` is given.
+void dbus_bus_add_match(DBusConnection* connection, const char* rule, DBusError* error);
+void dbus_bus_remove_match(DBusConnection* connection, const char* rule, DBusError* error);
+
+/// Filters see messages in the order the filters were added. Any thread.
+dbus_bool_t dbus_connection_add_filter(DBusConnection* connection, DBusHandleMessageFunction function, void* userData,
+                                       DBusFreeFunction freeUserData);
+/// Removes the last added filter with this function and data. When it returns, the filter is not running (unless the
+/// caller is inside it) and is not called again. Any thread; the caller holds no lock that the filter takes.
+void dbus_connection_remove_filter(DBusConnection* connection, DBusHandleMessageFunction function, void* userData);
+
+/// False with the error set (ObjectPathInUse) when the path is taken.
+dbus_bool_t dbus_connection_try_register_object_path(DBusConnection* connection, const char* path,
+                                                     const DBusObjectPathVTable* vtable, void* userData,
+                                                     DBusError* error);
+
+/// The reply, once: the caller owns it. Null when none came (time-out, lost connection).
+DBusMessage* dbus_pending_call_steal_reply(DBusPendingCall* pending);
+
+/// Owns a message reference.
+struct MessageUnref {
+    void operator()(DBusMessage* message) const noexcept { ::dbus_message_unref(message); }
+};
+using MessagePtr = std::unique_ptr<DBusMessage, MessageUnref>;
+
+}  // namespace Libraries::Platform::Posix::DBus

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+
+#include <boost/crc.hpp>
+
+#include "platform/host/String.h"
+
+namespace Libraries::Filter::CRC {
+
+/// Which polynomial. Type 0 of CRC32 is the one of IEEE 802.3 (zlib's), type 0 of CRC64 the one of ECMA-182 as xz uses it.
+enum class Type : std::uint32_t { Default = 0 };
+
+/// Checksum of what is written into it.
+class CRC32 final : public RefCount {
+public:
+    /// `reflected`: bits of input and result in reverse order, as both default variants have it.
+    static Ref<CRC32> create(Type type, bool reflected);
+    void write(std::string_view bytes);
+    void finish() {}
+    /// The checksum of what was written so far; the upper 32 bits are zero.
+    std::uint64_t value() const;
+
+private:
+    explicit CRC32(bool reflected);
+    ~CRC32() override = default;
+    boost::crc_basic<32> state_;
+};
+
+class CRC64 final : public RefCount {
+public:
+    static Ref<CRC64> create(Type type, bool reflected);
+    void write(std::string_view bytes);
+    std::uint64_t value() const;
+
+private:
+    explicit CRC64(bool reflected);
+    ~CRC64() override = default;
+    boost::crc_basic<64> state_;
+};
+
+}  // namespace Libraries::Filter::CRC

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+
+/// The entry of the process: static initialisers in table order, main, exit code, exit handlers.
+class InitCode {
+public:
+    using Initialiser = void (*)();
+    using ExitHandler = void (*)();
+    using Main = std::int32_t (*)();
+
+    /// Reason codes of entry().
+    static constexpr std::uint32_t kEnd = 0;
+    static constexpr std::uint32_t kStart = 1;
+
+    /// Puts an initialiser into the table; a namespace-scope object of this type in each module that needs one. A null
+    /// function is an entry that is skipped.
+    class Register {
+    public:
+        explicit Register(Initialiser initialiser);
+    };
+
+    /// Calls every non-null entry of the table in table order (what kStart does before main; tests call it alone).
+    static void runInitialisers();
+    /// Registers a handler for kEnd; handlers run in the reverse order of their registration.
+    static void atExit(ExitHandler handler);
+    /// kStart: initialisers, then main, then Proc::setExitCode with its result. kEnd: the exit handlers. Any other
+    /// reason: nothing.
+    static void entry(std::uint32_t reason, Main main);
+};
