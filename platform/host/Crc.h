@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <variant>
 
 #include <boost/crc.hpp>
 
@@ -8,7 +9,8 @@
 
 namespace Libraries::Filter::CRC {
 
-/// Which polynomial. Type 0 of CRC32 is the one of IEEE 802.3 (zlib's), type 0 of CRC64 the one of ECMA-182 as xz uses it.
+/// Which polynomial. Type 0 of CRC32 is the one of IEEE 802.3 (zlib's), type 0 of CRC64 the one of ECMA-182 as xz uses
+/// it.
 enum class Type : std::uint32_t { Default = 0 };
 
 /// Checksum of what is written into it.
@@ -24,7 +26,10 @@ public:
 private:
     explicit CRC32(bool reflected);
     ~CRC32() override = default;
-    boost::crc_basic<32> state_;
+    template <bool kReflected>
+    using Crc = boost::crc_optimal<32, 0x04C11DB7u, 0xFFFFFFFFu, 0xFFFFFFFFu, kReflected, kReflected>;
+    using State = std::variant<Crc<true>, Crc<false>>;
+    State state_;
 };
 
 class CRC64 final : public RefCount {
@@ -36,7 +41,11 @@ public:
 private:
     explicit CRC64(bool reflected);
     ~CRC64() override = default;
-    boost::crc_basic<64> state_;
+    template <bool kReflected>
+    using Crc =
+        boost::crc_optimal<64, 0x42F0E1EBA9EA3693u, ~std::uint64_t{0}, ~std::uint64_t{0}, kReflected, kReflected>;
+    using State = std::variant<Crc<true>, Crc<false>>;
+    State state_;
 };
 
 }  // namespace Libraries::Filter::CRC

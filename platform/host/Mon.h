@@ -21,6 +21,9 @@ public:
     void leave() RELEASE();
 
 private:
+    bool take();
+    bool await(bool interruptible);
+
     std::mutex mutex_;
     std::condition_variable wake_;
     bool held_ = false;

@@ -39,6 +39,8 @@ protected:
 
 private:
     friend class GcProxy;
+    bool incRefUnlessGone() const noexcept;
+
     mutable std::atomic<std::uint32_t> count_{0};
     mutable std::atomic<GcProxy*> proxy_{nullptr};
 };
@@ -62,12 +64,25 @@ public:
 
 private:
     friend class RefCount;
+
+    /// Holds the proxy's small lock; for a few instructions only, since others spin meanwhile.
+    class Busy {
+    public:
+        explicit Busy(std::atomic_flag& flag) noexcept;
+        ~Busy();
+        Busy(const Busy&) = delete;
+        Busy& operator=(const Busy&) = delete;
+
+    private:
+        std::atomic_flag& flag_;
+    };
+
     explicit GcProxy(const RefCount* object) noexcept : object_(object) {}
     ~GcProxy() = default;
     void clear() noexcept;
 
     mutable std::atomic<std::uint32_t> count_{0};
-    mutable std::atomic_flag busy_{};    // guards object_ for the few instructions of a lock attempt
+    mutable std::atomic_flag busy_{};  // guards object_, and the object's memory while it is looked at
     const RefCount* object_;
 };
 

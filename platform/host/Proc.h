@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "platform/host/Interrupt.h"
+
 /// The process.
 class Proc {
 public:
@@ -24,4 +26,8 @@ public:
     static void deliverTermination();
     /// Whether SIGTERM or SIGINT has arrived. A process that was asked to end while it started ends with code 0.
     static bool terminationRequested() noexcept;
+    /// Whether it has arrived and was not delivered so far.
+    static bool terminationPending() noexcept;
+    /// The main thread's interrupt, bound to it by the entry.
+    static Interrupt& mainInterrupt() noexcept;
 };

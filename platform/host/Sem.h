@@ -24,6 +24,8 @@ public:
     bool wait(std::uint32_t timeoutMs = kNoLimit);
 
 private:
+    bool take();
+
     std::mutex mutex_;
     std::condition_variable wake_;
     std::uint32_t count_;

@@ -11,6 +11,8 @@ class String final : public RefCount {
 public:
     static Ref<String> create(std::string_view text);
     static Ref<String> create(std::string&& text);
+    /// Of a C string; empty for null.
+    static Ref<String> create(const char* text) { return create(text ? std::string_view(text) : std::string_view()); }
 
     std::string_view view() const noexcept { return text_; }
     const char* cstr() const noexcept { return text_.c_str(); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "platform/host/String.h"
@@ -11,6 +12,8 @@ public:
     static void procName(const Ref<String>& name);
     /// The calling thread's name in the log.
     static void thdName(const Ref<String>& name);
+    static std::string procName();
+    static std::string thdName();
 };
 
 /// Which records are written. A message of level N is produced when level() <= N and state(handle) is true.
@@ -67,4 +70,8 @@ public:
 private:
     const bool on_;
     const bool endsLine_;
+    const std::uint32_t level_;
+    const std::uint64_t handle_;
+    // Collected here, not in the open record: a value may log while it is being worked out.
+    std::string text_;
 };

@@ -1,0 +1,111 @@
+#include "platform/host/LogSink.h"
+
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/host/LogLine.h"
+#include "platform/host/StdOut.h"
+
+namespace {
+
+/// The longest wait for room in one go: the descriptor may be redirected meanwhile.
+constexpr int kRoomPollMs = 500;
+/// Pause after a descriptor that claimed to have room took nothing (a terminal with room for half a line break).
+constexpr auto kNoRoomPause = std::chrono::milliseconds(10);
+/// The level of the line that tells of lost ones: degraded, but going on.
+constexpr std::uint32_t kLostLevel = 3;
+
+}  // namespace
+
+LogSink& LogSink::instance() {
+    static auto& only = *new LogSink;
+    return only;
+}
+
+void LogSink::write(std::uint32_t level, std::string_view id, std::string_view text) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    Line line{LogLine::format(level, id, text), 1};
+    if (lost_ > 0) reportLost(line.text.size());
+    if (lost_ == 0 && fits(line.text.size())) {
+        keep(std::move(line));
+    } else {
+        ++lost_;
+    }
+    if (!draining_ && !writeBacklog()) startDraining();
+}
+
+void LogSink::keep(Line line) {
+    if (std::exchange(midLine_, false)) line.text.insert(0, 1, '\n');
+    backlogBytes_ += line.text.size();
+    backlog_.push_back(std::move(line));
+}
+
+/// Puts the line that tells of lost ones where they are missing, when there is room for it and for what follows.
+void LogSink::reportLost(std::size_t withRoomFor) {
+    std::string text = LogLine::format(kLostLevel, "SysLog", "Log lines lost: " + LogLine::number(lost_));
+    if (fits(text.size() + withRoomFor)) keep({std::move(text), std::exchange(lost_, 0)});
+}
+
+/// Writes what can be written at once. True: nothing is left to do.
+bool LogSink::writeBacklog() {
+    while (!backlog_.empty()) {
+        const std::string& text = backlog_.front().text;
+        const ssize_t count = StdOut::writeSome(std::string_view(text).substr(begun_));
+        failing_ = count < 0;
+        if (failing_) {
+            dropBacklog();
+        } else if (count == 0) {
+            return false;
+        } else {
+            begun_ += static_cast<std::size_t>(count);
+            if (begun_ < text.size()) continue;
+            backlogBytes_ -= text.size();
+            backlog_.pop_front();
+            begun_ = 0;
+        }
+    }
+    empty_.notify_all();
+    return true;
+}
+
+void LogSink::dropBacklog() {
+    for (const Line& line : backlog_) lost_ += line.records;
+    backlog_.clear();
+    backlogBytes_ = 0;
+    midLine_ = midLine_ || begun_ > 0;
+    begun_ = 0;
+}
+
+void LogSink::startDraining() {
+    try {
+        std::thread(&LogSink::drain, this).detach();
+        draining_ = true;
+    } catch (const std::system_error&) {
+        // No thread to be had: the next line tries again.
+    }
+}
+
+void LogSink::drain() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        const std::size_t before = backlogBytes_ - begun_;
+        if (writeBacklog()) {
+            if (lost_ == 0 || failing_) break;
+            reportLost(0);
+            continue;
+        }
+        const bool stuck = backlogBytes_ - begun_ >= before;
+        lock.unlock();
+        if (stuck) std::this_thread::sleep_for(kNoRoomPause);
+        StdOut::awaitRoom(kRoomPollMs);
+        lock.lock();
+    }
+    draining_ = false;
+}
+
+void LogSink::flush(std::uint32_t timeoutMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    empty_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return backlog_.empty(); });
+}
