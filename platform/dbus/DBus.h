@@ -73,6 +73,8 @@ void dbus_connection_unref(DBusConnection* connection);
 
 /// Queues a message. The caller keeps its reference. False when out of memory or the connection is lost.
 dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial);
+/// False once the connection is lost or closed: from then on nothing can be sent. Any thread.
+dbus_bool_t dbus_connection_get_is_connected(DBusConnection* connection);
 
 /// Sends a call and waits for its own answer and nothing else, at most `timeoutMs` (-1: the default of 25 s;
 /// DBUS_TIMEOUT_INFINITE: no limit). Null with the error set on an error reply, a time-out (NoReply), a lost connection
