@@ -5,7 +5,7 @@
 
 #include "platform/host/Object.h"
 
-/// A growing sequence that is an object of its own, shared through Ref. Takes no lock.
+/// A growing sequence that is an object of its own, shared through Ref. Takes no lock: whoever shares it guards it.
 template <class T>
 class TVector final : public RefCount {
 public:
@@ -17,7 +17,7 @@ private:
     ~TVector() override = default;
 };
 
-/// An ordered set that is an object of its own, shared through Ref. Takes no lock.
+/// An ordered set that is an object of its own, shared through Ref. Takes no lock: whoever shares it guards it.
 template <class T>
 class TSet final : public RefCount {
 public:

@@ -13,12 +13,15 @@ namespace Libraries::Filter::CRC {
 /// it.
 enum class Type : std::uint32_t { Default = 0 };
 
-/// Checksum of what is written into it.
+/// Checksum of 32 bits of what is written into it. One thread at a time.
 class CRC32 final : public RefCount {
 public:
     /// `reflected`: bits of input and result in reverse order, as both default variants have it.
+    /// Null for an unknown type.
     static Ref<CRC32> create(Type type, bool reflected);
+    /// Adds bytes; how they are split over calls makes no difference.
     void write(std::string_view bytes);
+    /// Nothing is left to be done at the end of these checksums; callers need not know that.
     void finish() {}
     /// The checksum of what was written so far; the upper 32 bits are zero.
     std::uint64_t value() const;
@@ -32,6 +35,7 @@ private:
     State state_;
 };
 
+/// Checksum of 64 bits, else as CRC32.
 class CRC64 final : public RefCount {
 public:
     static Ref<CRC64> create(Type type, bool reflected);

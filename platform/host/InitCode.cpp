@@ -1,10 +1,10 @@
 #include "platform/host/InitCode.h"
 
-#include <mutex>
 #include <vector>
 
 #include "platform/host/Heap.h"
 #include "platform/host/Interrupt.h"
+#include "platform/host/Mutex.h"
 #include "platform/host/Proc.h"
 #include "platform/host/SysLog.h"
 
@@ -19,22 +19,30 @@ std::vector<InitCode::Initialiser>& initialisers() {
     return table;
 }
 
-struct ExitHandlers {
-    std::mutex mutex;
-    std::vector<InitCode::ExitHandler> handlers;
-
+class ExitHandlers {
+public:
     static ExitHandlers& instance() {
         static auto& only = *new ExitHandlers;
         return only;
     }
 
+    void add(InitCode::ExitHandler handler) {
+        const MutexLock lock(mutex_);
+        handlers_.push_back(handler);
+    }
+
+    /// Null when there is none.
     InitCode::ExitHandler takeLast() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        if (handlers.empty()) return nullptr;
-        const InitCode::ExitHandler last = handlers.back();
-        handlers.pop_back();
+        const MutexLock lock(mutex_);
+        if (handlers_.empty()) return nullptr;
+        const InitCode::ExitHandler last = handlers_.back();
+        handlers_.pop_back();
         return last;
     }
+
+private:
+    Mutex mutex_;
+    std::vector<InitCode::ExitHandler> handlers_ GUARDED_BY(mutex_);
 };
 
 void start(InitCode::Main main) {
@@ -48,6 +56,8 @@ void start(InitCode::Main main) {
 
 void end() {
     while (const InitCode::ExitHandler handler = ExitHandlers::instance().takeLast()) handler();
+    Proc::leaveSignals();
+    SysLogStream::stdOutPrinter().end();
     SysLogStream::stdOutPrinter().flush(kLogFlushMs);
 }
 
@@ -64,10 +74,7 @@ void InitCode::runInitialisers() {
 }
 
 void InitCode::atExit(ExitHandler handler) {
-    if (!handler) return;
-    ExitHandlers& all = ExitHandlers::instance();
-    const std::lock_guard<std::mutex> guard(all.mutex);
-    all.handlers.push_back(handler);
+    if (handler) ExitHandlers::instance().add(handler);
 }
 
 void InitCode::entry(std::uint32_t reason, Main main) {

@@ -25,7 +25,7 @@ LogSink& LogSink::instance() {
 }
 
 void LogSink::write(std::uint32_t level, std::string_view id, std::string_view text) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const MutexLock lock(mutex_);
     Line line{LogLine::format(level, id, text), 1};
     if (lost_ > 0) reportLost(line.text.size());
     if (lost_ == 0 && fits(line.text.size())) {
@@ -88,7 +88,7 @@ void LogSink::startDraining() {
 }
 
 void LogSink::drain() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     for (;;) {
         const std::size_t before = backlogBytes_ - begun_;
         if (writeBacklog()) {
@@ -106,6 +106,9 @@ void LogSink::drain() {
 }
 
 void LogSink::flush(std::uint32_t timeoutMs) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    empty_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return backlog_.empty(); });
+    MutexLock lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!backlog_.empty()) {
+        if (empty_.wait_until(lock.native(), deadline) == std::cv_status::timeout) return;
+    }
 }

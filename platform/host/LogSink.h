@@ -4,9 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include "platform/host/Mutex.h"
 
 /// Where finished log records go: to the standard output at once as far as that takes them, else into a backlog that a
 /// thread of the sink's own, which lives as long as the backlog, writes when there is room. A full backlog drops the
@@ -32,21 +33,23 @@ private:
     };
 
     LogSink() = default;
-    bool fits(std::size_t bytes) const { return backlog_.empty() || backlogBytes_ + bytes <= kMaxBacklog; }
-    void keep(Line line);
-    void reportLost(std::size_t withRoomFor);
-    bool writeBacklog();
-    void dropBacklog();
-    void startDraining();
+    bool fits(std::size_t bytes) const REQUIRES(mutex_) {
+        return backlog_.empty() || backlogBytes_ + bytes <= kMaxBacklog;
+    }
+    void keep(Line line) REQUIRES(mutex_);
+    void reportLost(std::size_t withRoomFor) REQUIRES(mutex_);
+    bool writeBacklog() REQUIRES(mutex_);
+    void dropBacklog() REQUIRES(mutex_);
+    void startDraining() REQUIRES(mutex_);
     void drain();
 
-    std::mutex mutex_;  // guards all below
+    Mutex mutex_;
     std::condition_variable empty_;
-    std::deque<Line> backlog_;
-    std::size_t backlogBytes_ = 0;
-    std::size_t begun_ = 0;   // bytes of the first line that are out
-    std::uint64_t lost_ = 0;  // records dropped and not yet reported
-    bool midLine_ = false;    // an error left a line unfinished on the descriptor
-    bool failing_ = false;    // the last attempt to write met an error
-    bool draining_ = false;   // the thread runs
+    std::deque<Line> backlog_ GUARDED_BY(mutex_);
+    std::size_t backlogBytes_ GUARDED_BY(mutex_) = 0;
+    std::size_t begun_ GUARDED_BY(mutex_) = 0;   // bytes of the first line that are out
+    std::uint64_t lost_ GUARDED_BY(mutex_) = 0;  // records dropped and not yet reported
+    bool midLine_ GUARDED_BY(mutex_) = false;    // an error left a line unfinished on the descriptor
+    bool failing_ GUARDED_BY(mutex_) = false;    // the last attempt to write met an error
+    bool draining_ GUARDED_BY(mutex_) = false;   // the thread runs
 };

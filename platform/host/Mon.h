@@ -1,13 +1,12 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 
+#include "platform/host/Mutex.h"
 #include "platform/host/Object.h"
-#include "platform/host/ThreadSafety.h"
 
-/// A monitor: mutual exclusion, not recursive. Waiting for it can be interrupted (Interrupt::Level::HangUp and above);
-/// an enter that need not wait always succeeds.
+/// A monitor: mutual exclusion, not recursive, no order among those who wait. Waiting for it can be interrupted
+/// (Interrupt::Level::HangUp and above); an enter that need not wait always succeeds.
 class CAPABILITY("monitor") Mon final : public RefCount {
 public:
     static Ref<Mon> create() { return Ref<Mon>(new Mon); }
@@ -18,16 +17,17 @@ public:
     bool enter() TRY_ACQUIRE(true);
     /// As enter, but deaf to interrupts: for clean-up that must happen.
     void enterAlways() ACQUIRE();
+    /// Only by the thread that is inside.
     void leave() RELEASE();
 
 private:
-    bool take();
-    bool await(bool interruptible);
+    bool take() REQUIRES(mutex_);
+    bool await(bool interruptible) EXCLUDES(mutex_);
 
-    std::mutex mutex_;
+    Mutex mutex_;
     std::condition_variable wake_;
-    bool held_ = false;
-    unsigned waiting_ = 0;
+    bool held_ GUARDED_BY(mutex_) = false;
+    unsigned waiting_ GUARDED_BY(mutex_) = 0;
 };
 
 /// Enters a monitor, deaf to interrupts, and leaves it at the end of the scope. For short sections.

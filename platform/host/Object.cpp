@@ -19,7 +19,7 @@ void RefCount::incRef() const noexcept {
 void RefCount::decRef() const noexcept {
     if (count_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     count_.store(kDying, std::memory_order_relaxed);
-    if (const GcProxy* proxy = proxy_.load(std::memory_order_acquire)) const_cast<GcProxy*>(proxy)->clear();
+    if (GcProxy* const proxy = proxy_.load(std::memory_order_acquire)) proxy->clear();
     delete this;
 }
 

@@ -8,7 +8,8 @@
 class GcProxy;
 
 /// The reference-counted root of every object. Interfaces derive from it virtually, so that a class that implements
-/// several of them has one count. Objects are made with `new` (count 0) and handled only through `Ref`.
+/// several of them has one count. Objects are made with `new` (count 0) and handled only through `Ref`. A constructor
+/// must not make a Ref to its object (giving that back would destroy it); a destructor may, but must not keep it.
 class Object {
 public:
     Object(const Object&) = delete;
@@ -16,9 +17,11 @@ public:
 
     /// Takes a reference. Any thread.
     virtual void incRef() const noexcept = 0;
-    /// Gives a reference back; the last one destroys the object on the calling thread. Any thread.
+    /// Gives a reference back; the last one destroys the object on the calling thread, and from then on no weak
+    /// reference can be locked. Any thread.
     virtual void decRef() const noexcept = 0;
-    /// The object's weak proxy, made at the first call and the same ever after. Any thread that holds a reference.
+    /// The object's weak proxy, made at the first call and the same ever after. Any thread that holds a reference, the
+    /// constructor and the destructor included.
     virtual Ref<GcProxy> gcProxy() const = 0;
 
 protected:
@@ -86,7 +89,7 @@ private:
     const RefCount* object_;
 };
 
-/// A weak reference to a T.
+/// A weak reference to a T; null by default. Copying and locking are safe from any thread, assigning is not.
 template <class T>
 class WeakRef {
 public:

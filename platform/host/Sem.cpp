@@ -9,7 +9,7 @@
 
 void Sem::post() {
     // Notified under the mutex: the thread that takes the count may release the last reference to the semaphore.
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const MutexLock lock(mutex_);
     ++count_;
     wake_.notify_one();
 }
@@ -22,21 +22,21 @@ bool Sem::take() {
 
 bool Sem::wait(std::uint32_t timeoutMs) {
     {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const MutexLock lock(mutex_);
         if (take()) return true;
     }
     if (timeoutMs == 0) return false;
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    const Interrupt::Waiting waiting(mutex_, wake_);
-    std::unique_lock<std::mutex> lock(mutex_);
+    const Interrupt::Waiting waiting(mutex_.native(), wake_);
+    MutexLock lock(mutex_);
     bool timedOut = false;
     while (!take()) {
         if (timedOut || Interrupt::raised(Interrupt::Level::Unheard)) return false;
         if (timeoutMs == kNoLimit) {
-            wake_.wait(lock);
+            wake_.wait(lock.native());
         } else {
-            timedOut = wake_.wait_until(lock, deadline) == std::cv_status::timeout;
+            timedOut = wake_.wait_until(lock.native(), deadline) == std::cv_status::timeout;
         }
     }
     return true;

@@ -2,8 +2,8 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
+#include "platform/host/Mutex.h"
 #include "platform/host/Object.h"
 
 /// A counting semaphore whose waits can be interrupted (Interrupt::Level::Unheard and above).
@@ -16,17 +16,17 @@ public:
     explicit Sem(std::uint32_t count) : count_(count) {}
     ~Sem() override = default;
 
-    /// Adds one and wakes one waiter. Any thread.
+    /// Adds one and wakes one waiter. Any thread. The waiter may release the semaphore's last reference.
     void post();
     /// Takes one, waiting at most `timeoutMs` milliseconds of the monotonic clock (0: does not wait; kNoLimit: no
-    /// limit). False when the time passed or the thread was interrupted. A count that is there is taken even when
-    /// the thread is interrupted.
+    /// limit). False when the time passed or the thread was interrupted; then nothing was taken. A count that is there
+    /// is taken even when the thread is interrupted. Any thread.
     bool wait(std::uint32_t timeoutMs = kNoLimit);
 
 private:
-    bool take();
+    bool take() REQUIRES(mutex_);
 
-    std::mutex mutex_;
+    Mutex mutex_;
     std::condition_variable wake_;
-    std::uint32_t count_;
+    std::uint32_t count_ GUARDED_BY(mutex_);
 };

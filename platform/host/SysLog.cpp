@@ -3,18 +3,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "platform/host/LogLine.h"
 #include "platform/host/LogSink.h"
+#include "platform/host/Mutex.h"
 
 namespace {
 
+/// The process's name in the log: the program's until it is given one.
 struct ProcessName {
-    std::mutex mutex;
-    std::string name = program_invocation_short_name;
+    Mutex mutex;
+    std::string name GUARDED_BY(mutex) = program_invocation_short_name;
 
     static ProcessName& instance() {
         static auto& only = *new ProcessName;
@@ -47,13 +48,13 @@ thread_local Record record;
 
 void SysLog::procName(const Ref<String>& name) {
     ProcessName& process = ProcessName::instance();
-    const std::lock_guard<std::mutex> guard(process.mutex);
+    const MutexLock lock(process.mutex);
     process.name = viewOf(name);
 }
 
 std::string SysLog::procName() {
     ProcessName& process = ProcessName::instance();
-    const std::lock_guard<std::mutex> guard(process.mutex);
+    const MutexLock lock(process.mutex);
     return process.name;
 }
 

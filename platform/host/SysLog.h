@@ -6,17 +6,19 @@
 
 #include "platform/host/String.h"
 
-/// Names that stand in every log line.
+/// Names that stand in every log line: "Process/Thread". Any thread.
 class SysLog {
 public:
+    /// The process's name; until then it is the program's.
     static void procName(const Ref<String>& name);
-    /// The calling thread's name in the log.
-    static void thdName(const Ref<String>& name);
     static std::string procName();
+    /// The calling thread's name; until then, and after an empty one, it is the kernel's number of the thread.
+    static void thdName(const Ref<String>& name);
     static std::string thdName();
 };
 
-/// Which records are written. A message of level N is produced when level() <= N and state(handle) is true.
+/// Which records are written. A message of level N is produced when level() <= N and state(handle) is true. Any thread;
+/// asking takes no lock.
 class SysLogFilter {
 public:
     /// Registers a filter name for one module; every call gives a handle of its own (never 0), also for a name that is
@@ -28,12 +30,13 @@ public:
     /// On for a registered handle unless switched off; false for a handle that was never given out.
     static bool state(std::uint64_t handle) noexcept;
     static void setState(std::uint64_t handle, bool on) noexcept;
-    /// The name behind the handle, the tag of its records.
+    /// The name behind the handle, the tag of its records, valid for ever; empty for a handle never given out.
     static std::string_view id(std::uint64_t handle) noexcept;
 };
 
 /// A stream of records. Each thread has one open record at most: begin() while one is open goes on with that one, so a
-/// record that one statement left open is ended by the next. Control characters in texts are escaped (\xNN, \n as \n).
+/// record that one statement left open is ended by the next. Control characters in texts are escaped (\xNN, \n as \n),
+/// see LogLine; without an open record append() and end() do nothing. A thread that ends ends its open record.
 class SysLogStream {
 public:
     /// The printer on standard output, one for the process. Usable from any thread.
@@ -52,10 +55,14 @@ public:
     void flush(std::uint32_t timeoutMs);
 };
 
-/// One record in one statement: `LogRecord(3, handle) << "Could not ... " << path;` Writes nothing when the filter says
-/// so. `LogRecord::open(...)` leaves the line open for the thread's next record.
+/// One record in one statement: `LogRecord(3, handle) << "Could not ... " << path;` Writes and formats nothing when the
+/// filter says so. Texts are kept until the statement ends, so that values that log on their own get lines of their
+/// own.
 class LogRecord {
 public:
+    /// `endsLine` false leaves the line open: the thread's next record goes on with it and ends it, and has no level
+    /// and tag of its own. Where the filter lets only the first of the two through, its line is ended without the
+    /// second's text; where only the second, that is a line.
     LogRecord(std::uint32_t level, std::uint64_t handle, bool endsLine = true);
     ~LogRecord();
     LogRecord(const LogRecord&) = delete;

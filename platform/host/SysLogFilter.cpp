@@ -2,9 +2,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
 #include <string>
 
+#include "platform/host/Mutex.h"
 #include "platform/host/StrConv.h"
 #include "platform/host/SysLog.h"
 
@@ -25,7 +25,7 @@ public:
     }
 
     std::uint64_t add(std::string_view name) {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const MutexLock lock(mutex_);
         const std::uint64_t index = used_.load(std::memory_order_relaxed);
         Block* block = &first_;
         for (std::uint64_t begin = kBlock; begin <= index; begin += kBlock) {
@@ -53,7 +53,7 @@ private:
         Block* next = nullptr;
     };
 
-    std::mutex mutex_;  // for adding
+    Mutex mutex_;  // held to add
     std::atomic<std::uint64_t> used_{0};
     Block first_;
 };

@@ -1,0 +1,122 @@
+#include "platform/host/Termination.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+/// How long the end of the process waits for the signal thread.
+constexpr auto kLeavePatience = std::chrono::milliseconds(200);
+
+sigset_t terminationSignals() noexcept {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    return set;
+}
+
+}  // namespace
+
+Termination& Termination::instance() {
+    static auto& only = *new Termination;
+    return only;
+}
+
+void Termination::takeSignals() {
+    const sigset_t set = terminationSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // A shell without job control ignores SIGINT in what it puts into the background, and the kernel drops an ignored
+    // signal even where it is blocked.
+    signal(SIGTERM, SIG_DFL);
+    signal(SIGINT, SIG_DFL);
+    try {
+        signalThread_ = std::thread(&Termination::signalLoop, this);
+    } catch (const std::system_error&) {
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // no thread to be had: better killed than deaf
+        return;
+    }
+    MutexLock lock(mutex_);
+    signalLoop_ = signalThread_.native_handle();
+}
+
+void Termination::leaveSignals() {
+    if (!signalThread_.joinable()) return;
+    MutexLock lock(mutex_);
+    leaving_ = true;
+    pokeSignalThread();
+    const auto deadline = std::chrono::steady_clock::now() + kLeavePatience;
+    while (signalLoop_) {
+        if (loopEnded_.wait_until(lock.native(), deadline) == std::cv_status::timeout) break;
+    }
+    const bool ended = !signalLoop_;
+    lock.unlock();
+    if (ended) {
+        signalThread_.join();
+    } else {
+        signalThread_.detach();
+    }
+}
+
+/// A signal from outside makes the request; the host's own, sent to this very thread, asks to try again or to end.
+void Termination::signalLoop() {
+    const sigset_t set = terminationSignals();
+    for (;;) {
+        siginfo_t info{};
+        if (sigwaitinfo(&set, &info) < 0) continue;  // EINTR: the process was stopped and went on
+        const bool own = info.si_code == SI_TKILL && info.si_pid == getpid();
+        if (!own) request();
+        tryDeliver();
+        const MutexLock lock(mutex_);
+        if (!leaving_) continue;
+        signalLoop_.reset();
+        loopEnded_.notify_all();
+        return;
+    }
+}
+
+void Termination::request() {
+    requested_.store(true);
+    const MutexLock lock(mutex_);
+    if (!delivered_) pending_ = true;
+}
+
+bool Termination::pending() {
+    const MutexLock lock(mutex_);
+    return pending_;
+}
+
+void Termination::pokeSignalThread() {
+    if (signalLoop_) pthread_kill(*signalLoop_, SIGTERM);
+}
+
+void Termination::setDeliver(std::function<bool()> deliver) {
+    const MutexLock lock(mutex_);
+    deliver_ = std::move(deliver);
+    if (pending_) pokeSignalThread();
+}
+
+void Termination::tryDeliver() {
+    MutexLock lock(mutex_);
+    again_ = true;
+    if (trying_) return;
+    trying_ = true;
+    while (pending_ && std::exchange(again_, false)) {
+        const std::function<bool()> deliver = deliver_;
+        lock.unlock();
+        const bool done = deliver && deliver();
+        lock.lock();
+        if (done) {
+            pending_ = false;
+            delivered_ = true;
+            mainInterrupt_.reset();
+        } else if (!again_) {
+            mainInterrupt_.raise(Interrupt::Level::End);
+        }
+    }
+    trying_ = false;
+}
