@@ -1,0 +1,229 @@
+#include "simulator/Adapter.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace Simulator {
+
+namespace {
+
+std::vector<Property> describe(const AdapterPlan& plan) {
+    NamedValues values{
+        {"Address", Value::string(plan.address)},
+        {"AddressType", Value::string("public")},
+        {"Name", Value::string(plan.alias)},
+        {"Alias", Value::string(plan.alias)},
+        {"Class", Value::uint32(0x6c010c)},
+        {"Powered", Value::boolean(plan.powered)},
+        {"Discoverable", Value::boolean(false)},
+        {"DiscoverableTimeout", Value::uint32(180)},
+        {"Pairable", Value::boolean(true)},
+        {"PairableTimeout", Value::uint32(0)},
+        {"Discovering", Value::boolean(false)},
+        {"UUIDs", Value::strings({"00001800-0000-1000-8000-00805f9b34fb", "00001801-0000-1000-8000-00805f9b34fb",
+                                  "0000110c-0000-1000-8000-00805f9b34fb", "0000110e-0000-1000-8000-00805f9b34fb",
+                                  "00001200-0000-1000-8000-00805f9b34fb"})},
+        {"Modalias", Value::string("usb:v1D6Bp0246d0542")},
+    };
+    for (const auto& [name, value] : plan.properties) {
+        const auto same = std::find_if(values.begin(), values.end(), [&](const auto& v) { return v.first == name; });
+        if (same == values.end()) {
+            values.emplace_back(name, value);
+        } else {
+            same->second = value;
+        }
+    }
+    std::vector<Property> properties;
+    for (auto& [name, value] : values) properties.push_back({name, std::move(value), {}});
+    return properties;
+}
+
+}  // namespace
+
+Adapter::Adapter(World& world, const AdapterPlan& plan) : world_(world), path_("/org/bluez/" + plan.name) {
+    world_.objects.add(path_, {{kAdapter1, describe(plan)}});
+    world_.narrator.event(fmt::format("{} appears: \"{}\"", path_, plan.alias));
+    if (plan.poweredAfter) powering_ = world_.loop.after(*plan.poweredAfter, [this] { setPowered(true); });
+}
+
+Adapter::~Adapter() {
+    devices_.clear();
+    world_.narrator.event(fmt::format("{} goes away", path_));
+    world_.objects.remove(path_);
+}
+
+bool Adapter::handle(const Call& call) {
+    if (call.is(kAdapter1, "StartDiscovery", "")) {
+        startDiscovery(call);
+    } else if (call.is(kAdapter1, "StopDiscovery", "")) {
+        stopDiscovery(call);
+    } else if (call.is(kAdapter1, "SetDiscoveryFilter", "a{sv}")) {
+        if (!isPowered()) {
+            call.fail(Errors::kNotReady);
+        } else {
+            call.reply();
+        }
+    } else if (call.is(kAdapter1, "GetDiscoveryFilters", "")) {
+        call.reply(
+            {Value::strings({"UUIDs", "RSSI", "Pathloss", "Transport", "DuplicateData", "Discoverable", "Pattern"})});
+    } else if (call.is(kAdapter1, "RemoveDevice", "o")) {
+        removeDevice(call);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+bool Adapter::write(const std::string& property, const Value& value) {
+    constexpr std::string_view kFlags[] = {"Discoverable", "Pairable"};
+    constexpr std::string_view kTimeouts[] = {"DiscoverableTimeout", "PairableTimeout"};
+    const auto isIn = [&](const auto& names) {
+        return std::find(std::begin(names), std::end(names), property) != std::end(names);
+    };
+    if (property == "Powered" && value.type() == 'b') {
+        setPowered(value.isTrue());
+        return true;
+    }
+    if ((property == "Alias" && value.type() == 's') || (isIn(kFlags) && value.type() == 'b') ||
+        (isIn(kTimeouts) && value.type() == 'u')) {
+        set(property.c_str(), value);
+        return true;
+    }
+    return false;
+}
+
+bool Adapter::isPowered() const {
+    const Value* powered = world_.objects.get(path_, kAdapter1, "Powered");
+    return powered && powered->isTrue();
+}
+
+void Adapter::setPowered(bool isOn) {
+    powering_.stop();
+    if (isOn == isPowered()) return;
+    if (!isOn) {
+        discoverers_.clear();
+        rest();
+        std::vector<Device*> all;
+        for (const auto& [path, device] : devices_) all.push_back(device.get());
+        for (Device* device : all) device->poweredOff();
+    }
+    world_.narrator.event(fmt::format("{} is powered {}", path_, isOn ? "on" : "off"));
+    set("Powered", Value::boolean(isOn));
+}
+
+void Adapter::startDiscovery(const Call& call) {
+    if (!isPowered()) return call.fail(Errors::kNotReady);
+    if (discoverers_.count(call.sender())) return call.fail(Errors::kBusy);
+    discoverers_.insert(call.sender());
+    call.reply();
+    if (discoverers_.size() == 1) inquire();
+}
+
+void Adapter::stopDiscovery(const Call& call) {
+    if (!isPowered()) return call.fail(Errors::kNotReady);
+    if (!discoverers_.count(call.sender())) return call.fail(Errors::kNoDiscovery);
+    endDiscoveryOf(call.sender());
+    call.reply();
+}
+
+void Adapter::endDiscoveryOf(const std::string& client) {
+    if (discoverers_.erase(client) && discoverers_.empty()) rest();
+}
+
+void Adapter::clientGone(const std::string& client) {
+    endDiscoveryOf(client);
+    std::vector<Device*> all;
+    for (const auto& [path, device] : devices_) all.push_back(device.get());
+    for (Device* device : all) device->clientGone(client);
+}
+
+void Adapter::removeDevice(const Call& call) {
+    const auto found = devices_.find(call.arguments()[0].text());
+    if (found == devices_.end()) return call.fail(Errors::kDoesNotExist);
+    if (!isPowered()) return call.fail(Errors::kNotReady);
+    devices_.erase(found);
+    call.reply();
+}
+
+void Adapter::inquire() {
+    set("Discovering", Value::boolean(true));
+    for (auto& [address, inRange] : inRange_) {
+        if (devices_.count(pathOf(address))) continue;
+        const auto delay = inRange.plan.foundAfter.value_or(milliseconds(0));
+        inRange.found =
+            world_.loop.after(delay, [this, &inRange] { appear(inRange.plan, *findModel(inRange.plan.model)); });
+    }
+    seeDevices();
+}
+
+void Adapter::rest() {
+    seeing_.stop();
+    for (auto& [address, inRange] : inRange_) {
+        inRange.found.stop();
+        if (Device* present = device(pathOf(address))) present->unseen();
+    }
+    set("Discovering", Value::boolean(false));
+}
+
+void Adapter::seeDevices() {
+    const auto interval = world_.tuning.seenEvery;
+    if (interval == milliseconds(0)) return;
+    seeing_ = world_.loop.after(interval, [this] {
+        for (const auto& [address, inRange] : inRange_) {
+            if (Device* present = device(pathOf(address))) {
+                present->seen();
+            } else if (!inRange.found.isRunning()) {
+                appear(inRange.plan, *findModel(inRange.plan.model));  // it was removed in the meantime
+            }
+        }
+        seeDevices();
+    });
+}
+
+void Adapter::appear(const DevicePlan& plan, const Model& model) {
+    const std::string path = pathOf(plan.address);
+    devices_[path] =
+        std::make_unique<Device>(world_, path_, plan, model, [this, path, address = plan.address](bool isOffTheAir) {
+            devices_.erase(path);
+            if (isOffTheAir) inRange_.erase(address);
+        });
+}
+
+bool Adapter::put(const DevicePlan& plan) {
+    const Model* model = findModel(plan.model);
+    if (!model || devices_.count(pathOf(plan.address)) || inRange_.count(plan.address)) return false;
+    auto& inRange = inRange_[plan.address];
+    inRange.plan = plan;
+    if (!plan.foundAfter) {
+        appear(plan, *model);
+    } else if (!discoverers_.empty()) {
+        inRange.found = world_.loop.after(*plan.foundAfter, [this, &inRange, model] { appear(inRange.plan, *model); });
+    }
+    return true;
+}
+
+bool Adapter::take(const std::string& address) {
+    const bool wasInRange = inRange_.erase(address) != 0;
+    const bool wasThere = devices_.erase(pathOf(address)) != 0;
+    return wasInRange || wasThere;
+}
+
+Device* Adapter::device(const std::string& path) {
+    const auto found = devices_.find(path);
+    return found == devices_.end() ? nullptr : found->second.get();
+}
+
+std::vector<std::string> Adapter::devices() const {
+    std::vector<std::string> paths;
+    for (const auto& [path, device] : devices_) paths.push_back(path);
+    return paths;
+}
+
+std::string Adapter::pathOf(const std::string& address) const {
+    std::string name = address;
+    std::replace(name.begin(), name.end(), ':', '_');
+    return path_ + "/dev_" + name;
+}
+
+}  // namespace Simulator

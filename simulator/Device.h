@@ -1,0 +1,83 @@
+#ifndef SIMULATOR_DEVICE_H
+#define SIMULATOR_DEVICE_H
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "simulator/Pairing.h"
+#include "simulator/World.h"
+
+namespace Simulator {
+
+/// A remote device that bluetoothd shows: the object with org.bluez.Device1. It is on the bus as long as it exists.
+class Device {
+public:
+    /// What is to destroy the device when it goes by itself: true when it left the air, false when it is only
+    /// forgotten.
+    using Leave = std::function<void(bool isOffTheAir)>;
+
+    /// The object appears at once.
+    Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave);
+    /// A pairing under way ends with AuthenticationCanceled, as when bluetoothd removes a device.
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    const std::string& path() const { return path_; }
+
+    /// Answers a call of org.bluez.Device1, or has it answered later. False when it is none.
+    bool handle(const Call& call);
+    /// Properties.Set of a property that bluetoothd lets clients write. False when it does not.
+    bool write(const std::string& property, const Value& value);
+    void clientGone(const std::string& client);
+
+    /// The inquiry saw the device (again).
+    void seen();
+    /// No inquiry sees the device any more.
+    void unseen();
+    void poweredOff();
+
+    /// The pincode that was shown last, empty when none was.
+    const std::string& pinCode() const { return pinCode_; }
+    /// Somebody types at the device. False when it waits for nothing to be typed.
+    bool type(const std::string& pinCode);
+
+    // For the pairing under way.
+    void showConnected(bool isConnected);
+    void showPinCode(const std::string& pinCode) { pinCode_ = pinCode; }
+    /// Ends the pairing, with an error or without, and destroys it.
+    void pairingEnded(const std::optional<Error>& error);
+    /// The device leaves the air; without an answer to Pair when `isSilent`.
+    void vanish(bool isSilent);
+
+private:
+    void pair(const Call& call);
+    void cancelPairing(const Call& call);
+    void connect(const Call& call);
+    void disconnect(const Call& call);
+    void connectProfile(const Call& call);
+    void disconnectProfile(const Call& call);
+
+    bool isTrue(const char* property) const;
+    void set(const char* property, Value value) { world_.objects.set(path_, kDevice1, property, std::move(value)); }
+    void showPaired(bool isPaired);
+    void forgetLater();
+    void leave(bool isOffTheAir);
+
+    World& world_;
+    const std::string path_;
+    const Model& model_;
+    const bool isKnown_;  // from the start, and kept
+    Leave leave_;
+    std::string pinCode_;
+    std::unique_ptr<Pairing> pairing_;
+    Timer forgetting_;
+    Timer connecting_;
+    std::optional<Call> connectCall_;
+};
+
+}  // namespace Simulator
+
+#endif

@@ -1,0 +1,132 @@
+#include "simulator/Simulation.h"
+
+#include <fmt/format.h>
+
+#include "simulator/ValueText.h"
+
+namespace Simulator {
+
+namespace {
+
+constexpr const char* kRoot = "/org/bluez";
+
+}  // namespace
+
+Simulation::Simulation(Loop& loop, Bus& bus, Narrator& narrator)
+    : world_{loop, bus, narrator}, calls_(loop), interference_(loop), flood_(world_, [this] { return devices(); }) {
+    world_.random.seed(std::random_device()());
+    world_.objects.add(kRoot, {{"org.bluez.AgentManager1", {}}});
+}
+
+Simulation::~Simulation() {
+    clear();
+}
+
+void Simulation::load(const Scenario& scenario) {
+    clear();
+    world_.tuning = scenario.tuning;
+    for (const auto& plan : scenario.adapters) addAdapter(plan);
+    for (const auto& plan : scenario.devices) {
+        if (Adapter* adapter = this->adapter(fmt::format("{}/{}", kRoot, plan.adapter))) adapter->put(plan);
+    }
+    for (const auto& object : scenario.objects) world_.objects.addExactly(object.path, object.interfaces);
+    flood_.setRate(scenario.flood);
+}
+
+void Simulation::clear() {
+    flood_.setRate(0);
+    interference_.clear();
+    calls_.clear();
+    adapters_.clear();
+    for (const auto& path : world_.objects.paths()) {
+        if (path != kRoot) world_.objects.remove(path);
+    }
+}
+
+void Simulation::handle(const Call& call) {
+    calls_.add(call);
+    narrate(call);
+    if (!interference_.take(call, [this, call] { carryOut(call); })) carryOut(call);
+}
+
+void Simulation::carryOut(const Call& call) {
+    const std::string path = call.path();
+    if (world_.objects.handle(call)) return;
+    if (call.is(kProperties, "Set", "ssv") && world_.objects.has(path, kProperties)) return setProperty(call);
+    if (path == kRoot && world_.agents.handle(call)) return;
+    if (Adapter* target = adapter(path); target && world_.objects.has(path, kAdapter1) && target->handle(call)) return;
+    if (Device* target = device(path); target && world_.objects.has(path, kDevice1) && target->handle(call)) return;
+    call.failUnknown(world_.objects.isPrefix(path));
+}
+
+void Simulation::setProperty(const Call& call) {
+    const std::string& interface = call.arguments()[0].text();
+    const std::string& property = call.arguments()[1].text();
+    const Value& value = call.arguments()[2].inner();
+    const std::string path = call.path();
+    if (!world_.objects.has(path, interface)) {
+        return call.fail("org.freedesktop.DBus.Error.InvalidArgs", fmt::format("No such interface '{}'", interface));
+    }
+    if (!world_.objects.get(path, interface, property)) {
+        return call.fail("org.freedesktop.DBus.Error.UnknownProperty", fmt::format("No such property '{}'", property));
+    }
+    Adapter* ownAdapter = interface == kAdapter1 ? adapter(path) : nullptr;
+    Device* ownDevice = interface == kDevice1 ? device(path) : nullptr;
+    if ((ownAdapter && ownAdapter->write(property, value)) || (ownDevice && ownDevice->write(property, value))) {
+        return call.reply();
+    }
+    call.fail("org.freedesktop.DBus.Error.PropertyReadOnly", fmt::format("Property '{}' is not writable", property));
+}
+
+void Simulation::clientGone(const std::string& client) {
+    world_.agents.clientGone(client);
+    for (const auto& [path, adapter] : adapters_) adapter->clientGone(client);
+}
+
+Adapter* Simulation::adapter(const std::string& path) {
+    const auto found = adapters_.find(path);
+    return found == adapters_.end() ? nullptr : found->second.get();
+}
+
+Adapter* Simulation::adapterOf(const std::string& devicePath) {
+    return adapter(devicePath.substr(0, devicePath.rfind('/')));
+}
+
+Device* Simulation::device(const std::string& path) {
+    Adapter* owner = adapterOf(path);
+    return owner ? owner->device(path) : nullptr;
+}
+
+bool Simulation::addAdapter(const AdapterPlan& plan) {
+    const std::string path = fmt::format("{}/{}", kRoot, plan.name);
+    if (world_.objects.has(path)) return false;
+    adapters_[path] = std::make_unique<Adapter>(world_, plan);
+    return true;
+}
+
+bool Simulation::removeAdapter(const std::string& path) {
+    return adapters_.erase(path) != 0;
+}
+
+std::vector<std::string> Simulation::devices() const {
+    std::vector<std::string> all;
+    for (const auto& [path, adapter] : adapters_) {
+        for (auto& device : adapter->devices()) all.push_back(std::move(device));
+    }
+    return all;
+}
+
+void Simulation::narrate(const Call& call) const {
+    if (!world_.narrator.isListening()) return;
+    const std::string interface = call.interface();
+    const std::string text =
+        fmt::format("<- {} {} {}({})", call.sender(), call.path(), call.member(), toText(call.arguments()));
+    const bool isRead = interface.starts_with("org.freedesktop.DBus.") && call.member() != "Set";
+    if (isRead) {
+        world_.narrator.read(text);
+    } else {
+        world_.narrator.event(text);
+    }
+}
+
+}  // namespace Simulator
