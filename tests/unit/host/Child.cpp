@@ -1,0 +1,124 @@
+#include "tests/unit/host/Child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/unit/support/Waiting.h"
+
+namespace HostTest {
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this == &other) return *this;
+    close();
+    number_ = other.release();
+    return *this;
+}
+
+int Descriptor::release() {
+    return std::exchange(number_, -1);
+}
+
+void Descriptor::close() {
+    if (number_ >= 0) ::close(release());
+}
+
+Pipe::Pipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    read = Descriptor(ends[0]);
+    write = Descriptor(ends[1]);
+}
+
+namespace {
+
+/// Reads once; empty at the end or when nothing comes in time.
+std::string readSome(int descriptor, std::size_t most, int limitMs) {
+    pollfd ready{descriptor, POLLIN, 0};
+    if (poll(&ready, 1, limitMs) <= 0) return {};
+    std::string bytes(most, '\0');
+    const ssize_t count = read(descriptor, bytes.data(), bytes.size());
+    bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);  // a terminal ends with EIO
+    return bytes;
+}
+
+}  // namespace
+
+std::string readAll(int descriptor, int limitMs) {
+    std::string all;
+    for (std::string bytes = "-"; !bytes.empty(); all += bytes) bytes = readSome(descriptor, 65536, limitMs);
+    return all;
+}
+
+std::optional<std::string> readLine(int descriptor, int limitMs) {
+    std::string line;
+    for (;;) {
+        const std::string byte = readSome(descriptor, 1, limitMs);
+        if (byte.empty()) return std::nullopt;
+        if (byte == "\n") return line;
+        line += byte;
+    }
+}
+
+Child::Child(const Setup& setup) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    Pipe in;
+    Pipe out;
+    Pipe err;
+    if (setup.closeAll) {
+        for (const int descriptor : {0, 1, 2}) posix_spawn_file_actions_addclose(&actions, descriptor);
+    } else {
+        posix_spawn_file_actions_adddup2(&actions, in.read.get(), 0);
+        posix_spawn_file_actions_adddup2(&actions, setup.output == kPipe ? out.write.get() : setup.output, 1);
+        posix_spawn_file_actions_adddup2(&actions, err.write.get(), 2);
+    }
+
+    std::vector<std::string> texts = {BTN_HOST_CHILD};
+    texts.insert(texts.end(), setup.arguments.begin(), setup.arguments.end());
+    std::vector<char*> arguments;
+    for (std::string& text : texts) arguments.push_back(text.data());
+    arguments.push_back(nullptr);
+    std::vector<std::string> added = setup.environment;
+    std::vector<char*> environment;
+    for (std::string& text : added) environment.push_back(text.data());
+    for (char** text = environ; *text; ++text) environment.push_back(*text);
+    environment.push_back(nullptr);
+
+    const auto before = setup.ignoreInterrupt ? ::signal(SIGINT, SIG_IGN) : SIG_DFL;
+    const int error = posix_spawn(&process_, BTN_HOST_CHILD, &actions, nullptr, arguments.data(), environment.data());
+    if (setup.ignoreInterrupt) ::signal(SIGINT, before);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error("cannot start " BTN_HOST_CHILD);
+
+    input_ = std::move(in.write);
+    output_ = std::move(out.read);
+    error_ = std::move(err.read);
+}
+
+Child::~Child() {
+    if (process_ <= 0) return;
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+}
+
+void Child::signal(int number) const {
+    kill(process_, number);
+}
+
+int Child::wait() {
+    int status = 0;
+    if (!UnitTest::waitUntil([&] { return waitpid(process_, &status, WNOHANG) != 0; })) return -1;
+    process_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace HostTest

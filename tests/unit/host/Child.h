@@ -1,0 +1,73 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace HostTest {
+
+/// Closes its descriptor at the end of the scope.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    ~Descriptor() { close(); }
+    Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept;
+    int get() const { return number_; }
+    int release();
+    void close();
+
+private:
+    int number_;
+};
+
+struct Pipe {
+    Pipe();
+    Descriptor read;
+    Descriptor write;
+};
+
+/// All of what can be read up to the end, or up to `limitMs` milliseconds without anything.
+std::string readAll(int descriptor, int limitMs = 20'000);
+/// The next line without its line break; nothing at the end, or when it does not come in time.
+std::optional<std::string> readLine(int descriptor, int limitMs = 20'000);
+
+/// A run of unit-host-child. Its standard error is a pipe; standard input and output are unless told otherwise.
+class Child {
+public:
+    static constexpr int kPipe = -1;
+    static constexpr int kClosed = -2;
+
+    struct Setup {
+        std::vector<std::string> arguments;
+        std::vector<std::string> environment = {};  ///< besides the test's own, "NAME=value"
+        int output = kPipe;
+        bool closeAll = false;  ///< all three standard descriptors are closed
+        bool ignoreInterrupt = false;
+    };
+
+    explicit Child(const Setup& setup);
+    /// Kills what still runs.
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    int output() const { return output_.get(); }
+    int error() const { return error_.get(); }
+    void closeOutput() { output_.close(); }
+    /// Ends the child's standard input, which the modes take for "go on".
+    void goOn() { input_.close(); }
+    void signal(int number) const;
+    /// The exit code, 128 and more for a signal; -1 when the child does not end within 20 seconds.
+    int wait();
+
+private:
+    pid_t process_ = -1;
+    Descriptor input_;
+    Descriptor output_;
+    Descriptor error_;
+};
+
+}  // namespace HostTest

@@ -1,0 +1,313 @@
+#include "platform/host/LogSink.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/unit/host/Capture.h"
+#include "tests/unit/host/Child.h"
+
+namespace {
+
+using HostTest::Child;
+using HostTest::Descriptor;
+using HostTest::linesOf;
+using HostTest::Pipe;
+using HostTest::readAll;
+using HostTest::readLine;
+using HostTest::withoutTimes;
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+/// What a record may take when nobody reads; far below what a reader would be waited for.
+constexpr int kPromptMs = 2000;
+
+/// Two ends: what the child gets as its standard output, and where the test reads that.
+struct Ends {
+    Descriptor child;
+    Descriptor test;
+};
+
+Ends pipeEnds() {
+    Pipe pipe;
+    return {std::move(pipe.write), std::move(pipe.read)};
+}
+
+Ends socketEnds() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Ends terminalEnds() {
+    Descriptor master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    EXPECT_EQ(grantpt(master.get()), 0);
+    EXPECT_EQ(unlockpt(master.get()), 0);
+    std::array<char, 64> name{};
+    EXPECT_EQ(ptsname_r(master.get(), name.data(), name.size()), 0);
+    Descriptor slave(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    return {std::move(slave), std::move(master)};
+}
+
+struct Kind {
+    const char* name;
+    Ends (*make)();
+};
+
+class StuckReader : public testing::TestWithParam<Kind> {};
+INSTANTIATE_TEST_SUITE_P(Of, StuckReader,
+                         testing::Values(Kind{"Pipe", &pipeEnds}, Kind{"Socket", &socketEnds},
+                                         Kind{"Terminal", &terminalEnds}),
+                         [](const auto& made) { return std::string(made.param.name); });
+
+std::vector<std::string> withoutReturns(std::vector<std::string> lines) {
+    for (std::string& line : lines) {
+        if (line.ends_with('\r')) line.pop_back();  // a terminal's line break
+    }
+    return lines;
+}
+
+/// The number after "longest " that a flooding child says.
+int longestMs(const Child& child) {
+    const std::optional<std::string> said = readLine(child.error());
+    if (!said || !said->starts_with("longest ")) return -1;
+    return std::stoi(said->substr(8));
+}
+
+TEST_P(StuckReader, DelaysNobodyAndGetsEveryLineWhenItReadsAgain) {
+    constexpr int kRecords = 2000;  // 400 KiB: more than any of the descriptors takes, less than the backlog
+    Ends ends = GetParam().make();
+    Child child({.arguments = {"log-flood", std::to_string(kRecords), "150"}, .output = ends.child.get()});
+    ends.child.close();
+    const int longest = longestMs(child);
+    EXPECT_GE(longest, 0);
+    EXPECT_LT(longest, kPromptMs);
+    child.goOn();
+    const std::vector<std::string> lines = withoutReturns(withoutTimes(linesOf(readAll(ends.test.get()))));
+    EXPECT_EQ(child.wait(), 0);
+
+    ASSERT_EQ(lines.size(), std::size_t{kRecords + 1});
+    const std::string filling(150, 'x');
+    for (int number = 1; number <= kRecords; ++number) {
+        EXPECT_EQ(lines[static_cast<std::size_t>(number - 1)],
+                  "[4] Tests/Main HostChild: " + std::to_string(number) + " " + filling);
+    }
+    EXPECT_EQ(lines.back(), "[4] Tests/Main HostChild: after the flood");
+}
+
+TEST_P(StuckReader, LosesTheNewestLinesAndIsToldHowMany) {
+    constexpr std::uint64_t kRecords = 3000;  // 3 MiB
+    Ends ends = GetParam().make();
+    Child child({.arguments = {"log-flood", std::to_string(kRecords), "1000"}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_LT(longestMs(child), kPromptMs);
+
+    // Before the child goes on and logs one more line, all that it kept and the line about the others come out.
+    std::vector<std::string> lines;
+    for (std::optional<std::string> line; (line = readLine(ends.test.get()));) {
+        lines.push_back(*line);
+        if (line->find("Log lines lost") != std::string::npos) break;
+    }
+    child.goOn();
+    const std::string rest = readAll(ends.test.get());
+    EXPECT_EQ(child.wait(), 0);
+
+    lines = withoutReturns(withoutTimes(lines));
+    ASSERT_GT(lines.size(), 1u);
+    const std::string last = lines.back();
+    lines.pop_back();
+    const std::string filling(1000, 'x');
+    std::uint64_t number = 0;
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line, "[4] Tests/Main HostChild: " + std::to_string(++number) + " " + filling);
+    }
+    EXPECT_GE(number * 1000, LogSink::kMaxBacklog * 9 / 10);
+    std::array<char, 64> lost{};
+    std::snprintf(lost.data(), lost.size(), "%llxh (%llu)", static_cast<unsigned long long>(kRecords - number),
+                  static_cast<unsigned long long>(kRecords - number));
+    EXPECT_THAT(last, MatchesRegex("\\[3\\] Tests/[0-9]+ SysLog: Log lines lost: .*"));
+    EXPECT_TRUE(last.ends_with(lost.data())) << last << " but " << kRecords - number << " are missing";
+    EXPECT_THAT(withoutReturns(withoutTimes(linesOf(rest))), ElementsAre("[4] Tests/Main HostChild: after the flood"));
+}
+
+TEST_P(StuckReader, HoldsUpTheEndOfTheProcessForAMomentOnly) {
+    Ends ends = GetParam().make();
+    Child child({.arguments = {"log-flood", "2000", "150"}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_LT(longestMs(child), kPromptMs);
+    child.goOn();
+    EXPECT_EQ(readLine(child.error()), "logged");
+    EXPECT_EQ(child.wait(), 0);  // nothing was read so far
+}
+
+TEST_P(StuckReader, GetsOneLineThatIsLongerThanTheBacklog) {
+    Ends ends = GetParam().make();
+    const std::size_t length = 2 * LogSink::kMaxBacklog;
+    Child child({.arguments = {"log-flood", "1", std::to_string(length)}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_LT(longestMs(child), kPromptMs);
+    const std::optional<std::string> line = readLine(ends.test.get());
+    ASSERT_TRUE(line);
+    EXPECT_GE(line->size(), length);
+    child.goOn();
+    EXPECT_THAT(withoutReturns(withoutTimes(linesOf(readAll(ends.test.get())))),
+                ElementsAre("[4] Tests/Main HostChild: after the flood"));
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_P(StuckReader, ThatGoesAwayEndsNothing) {
+    Ends ends = GetParam().make();
+    Child child({.arguments = {"log-late"}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_EQ(readLine(child.error()), "logged");
+    EXPECT_THAT(readLine(ends.test.get()).value_or(""), HasSubstr("HostChild: first"));
+    ends.test.close();
+    child.goOn();
+    EXPECT_EQ(child.wait(), 9);
+}
+
+TEST_P(StuckReader, ThatGoesAwayDuringAFloodEndsNothing) {
+    Ends ends = GetParam().make();
+    Child child({.arguments = {"log-flood", "2000", "150"}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_LT(longestMs(child), kPromptMs);
+    ends.test.close();
+    child.goOn();
+    EXPECT_EQ(readLine(child.error()), "logged");
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LogSink, TakesAStoppedTerminalForStuck) {
+    Ends ends = terminalEnds();
+    ASSERT_EQ(tcflow(ends.child.get(), TCOOFF), 0);
+    Child child({.arguments = {"log-flood", "10", "10"}, .output = ends.child.get()});
+    EXPECT_LT(longestMs(child), kPromptMs);
+    ASSERT_EQ(tcflow(ends.child.get(), TCOON), 0);
+    ends.child.close();
+    child.goOn();
+    EXPECT_EQ(linesOf(readAll(ends.test.get())).size(), 11u);
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LogSink, LeavesTheModeOfTheDescriptorAlone) {
+    for (const auto make : {&pipeEnds, &socketEnds, &terminalEnds}) {
+        Ends ends = make();
+        const int before = fcntl(ends.child.get(), F_GETFL);
+        Child child({.arguments = {"log-flood", "2000", "150"}, .output = ends.child.get()});
+        EXPECT_LT(longestMs(child), kPromptMs);
+        EXPECT_EQ(fcntl(ends.child.get(), F_GETFL), before);
+    }
+}
+
+TEST(LogSink, WritesIntoAFile) {
+    const Descriptor file(memfd_create("log", MFD_CLOEXEC));
+    Child child({.arguments = {"log-flood", "2000", "150"}, .output = file.get()});
+    child.goOn();
+    EXPECT_EQ(child.wait(), 0);
+    lseek(file.get(), 0, SEEK_SET);
+    EXPECT_EQ(linesOf(readAll(file.get())).size(), 2001u);
+}
+
+TEST(LogSink, SurvivesAFullDevice) {
+    const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    Child child({.arguments = {"log-flood", "20", "10"}, .output = full.get()});
+    child.goOn();
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LogSink, SurvivesClosedDescriptors) {
+    Child child({.arguments = {"log-levels"}, .closeAll = true});
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LogSink, HidesTheLevelsBelowTheThresholdOfTheEnvironment) {
+    const struct {
+        const char* setting;
+        std::size_t lines;
+    } cases[] = {{"SYSLOG_LEVEL=", 5},  {"SYSLOG_LEVEL=0", 5}, {"SYSLOG_LEVEL=2", 3},  {"SYSLOG_LEVEL=3", 2},
+                 {"SYSLOG_LEVEL=5", 0}, {"SYSLOG_LEVEL=x", 5}, {"SYSLOG_LEVEL=3x", 5}, {"SYSLOG_LEVEL=4294967295", 0}};
+    for (const auto& item : cases) {
+        Child child({.arguments = {"log-levels"}, .environment = {item.setting}});
+        EXPECT_EQ(child.wait(), 0);
+        EXPECT_EQ(linesOf(readAll(child.output())).size(), item.lines) << item.setting;
+    }
+}
+
+std::string journalStream(int descriptor) {
+    struct stat status {};
+    EXPECT_EQ(fstat(descriptor, &status), 0);
+    return "JOURNAL_STREAM=" + std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+TEST(LogSink, WritesPrioritiesInPlaceOfTimesForTheJournal) {
+    Ends ends = socketEnds();
+    Child child(
+        {.arguments = {"log-levels"}, .environment = {journalStream(ends.child.get())}, .output = ends.child.get()});
+    ends.child.close();
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(readAll(ends.test.get()),
+              "<7>[0] Tests/Main HostChild: of level 0\n<6>[1] Tests/Main HostChild: of level 1\n"
+              "<5>[2] Tests/Main HostChild: of level 2\n<4>[3] Tests/Main HostChild: of level 3\n"
+              "<3>[4] Tests/Main HostChild: of level 4\n");
+}
+
+TEST(LogSink, WritesTimesWhereTheJournalIsSomethingElse) {
+    for (const std::string stream : {"JOURNAL_STREAM=1:2", "JOURNAL_STREAM=", "JOURNAL_STREAM=x"}) {
+        Child child({.arguments = {"log-levels"}, .environment = {stream}});
+        EXPECT_EQ(child.wait(), 0);
+        const std::vector<std::string> lines = linesOf(readAll(child.output()));
+        EXPECT_EQ(lines.size(), 5u);
+        EXPECT_THAT(lines, Each(MatchesRegex("[0-9]{4}-.*Z \\[[0-4]\\] Tests/Main HostChild: of level [0-4]")));
+    }
+}
+
+TEST(LogSink, NamesProcessAndThreads) {
+    Child child({.arguments = {"log-texts"}});
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_THAT(withoutTimes(linesOf(readAll(child.output()))),
+                ElementsAre(MatchesRegex("\\[4\\] unit-host-child/[0-9]+ HostChild: before the names"),
+                            "[4] Tests/Main HostChild: 110bh (4363) and text", "[4] Tests/Worker HostChild: named",
+                            MatchesRegex("\\[4\\] Tests/[0-9]+ HostChild: unnamed")));
+}
+
+TEST(LogSink, EndsTheRecordsThatNobodyEnds) {
+    Child child({.arguments = {"log-parts"}});
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_THAT(withoutTimes(linesOf(readAll(child.output()))),
+                ElementsAre(MatchesRegex("\\[4\\] Tests/[0-9]+ HostChild: left by a thread"),
+                            "[4] Tests/Main HostChild: left by main"));
+}
+
+TEST(StdIO, WritesAllToAReaderThatIsSlow) {
+    Child child({.arguments = {"write-text", "300000"}});
+    EXPECT_EQ(readAll(child.output()), std::string(300000, 'y'));
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(StdIO, GivesUpOnAReaderThatIsStuckOrGone) {
+    Child stuck({.arguments = {"write-text", "300000"}});
+    EXPECT_EQ(readLine(stuck.error()), "written");
+    EXPECT_EQ(stuck.wait(), 0);
+
+    Pipe pipe;
+    pipe.read.close();
+    Child gone({.arguments = {"write-text", "300000"}, .output = pipe.write.get()});
+    EXPECT_EQ(gone.wait(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+#include "platform/host/Proc.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/unit/host/Child.h"
+
+namespace {
+
+using HostTest::Child;
+using HostTest::readAll;
+using HostTest::readLine;
+
+TEST(Proc, KeepsTheExitCodeThatWasSet) {
+    Proc::setExitCode(-7);
+    EXPECT_EQ(Proc::exitCode(), -7);
+    Proc::setExitCode(0);
+    EXPECT_EQ(Proc::exitCode(), 0);
+}
+
+TEST(Proc, ExitRunsNoHandlers) {
+    Child child({.arguments = {"exit-at-once"}});
+    EXPECT_EQ(child.wait(), 3);
+    EXPECT_EQ(readAll(child.error()), "");
+}
+
+TEST(Proc, OpensClosedStandardDescriptorsOnTheNullDevice) {
+    Child child({.arguments = {"standard-descriptors"}, .closeAll = true});
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(Proc, IgnoresBrokenPipes) {
+    Child child({.arguments = {"broken-pipe"}});
+    EXPECT_EQ(child.wait(), 0);
+}
+
+class Termination : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Signals, Termination, testing::Values(SIGTERM, SIGINT));
+
+TEST_P(Termination, EndsTheWaitsOfAStartThatNobodyCanStop) {
+    Child child({.arguments = {"interrupted-while-starting"}});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(GetParam());
+    EXPECT_EQ(child.wait(), 0) << "asked to end while it started: the code is 0 although main returned 1";
+    EXPECT_EQ(readAll(child.error()), "waited 0\nrequested 1\npending 1\ninterrupted 1\ndeliveries 0\n");
+}
+
+TEST_P(Termination, IsDeliveredToWhoeverRegistered) {
+    Child child({.arguments = {"delivered"}});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(GetParam());
+    ASSERT_EQ(readLine(child.error()), "waited 1");
+    child.signal(SIGTERM);
+    child.signal(SIGINT);
+    child.goOn();
+    EXPECT_EQ(child.wait(), 5);
+    EXPECT_EQ(readAll(child.error()), "requested 1\npending 0\ninterrupted 0\ndeliveries 1\n");
+}
+
+TEST_P(Termination, StaysPendingUntilItCanBeDelivered) {
+    Child child({.arguments = {"delivered-later"}});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(GetParam());
+    EXPECT_EQ(child.wait(), 6);
+    EXPECT_EQ(readAll(child.error()),
+              "slept 0\nrequested 1\npending 1\ninterrupted 1\ndeliveries 1\n"
+              "requested 1\npending 0\ninterrupted 0\ndeliveries 2\nwaited 1\n");
+}
+
+TEST_P(Termination, ThatCameBeforeIsDeliveredAtOnceOnTheHostsThread) {
+    Child child({.arguments = {"registered-later"}});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(GetParam());
+    EXPECT_EQ(child.wait(), 7);
+    EXPECT_EQ(readAll(child.error()), "on the main thread 0\nwaited 1\n");
+}
+
+TEST_P(Termination, IsTriedOnceMoreWhenSomebodyAsksDuringADelivery) {
+    Child child({.arguments = {"retried-by-another"}});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(GetParam());
+    EXPECT_EQ(child.wait(), 8);
+    EXPECT_EQ(readAll(child.error()), "requested 1\npending 0\ninterrupted 0\ndeliveries 2\n");
+}
+
+TEST(Proc, TakesAnInterruptThatTheParentHadIgnored) {
+    Child child({.arguments = {"delivered"}, .ignoreInterrupt = true});
+    ASSERT_EQ(readLine(child.error()), "ready");
+    child.signal(SIGINT);
+    EXPECT_EQ(readLine(child.error()), "waited 1");
+    child.goOn();
+    EXPECT_EQ(child.wait(), 5);
+}
+
+}  // namespace
