@@ -53,26 +53,14 @@ Adapter::~Adapter() {
     world_.objects.remove(path_);
 }
 
-bool Adapter::handle(const Call& call) {
-    if (call.is(kAdapter1, "StartDiscovery", "")) {
-        startDiscovery(call);
-    } else if (call.is(kAdapter1, "StopDiscovery", "")) {
-        stopDiscovery(call);
-    } else if (call.is(kAdapter1, "SetDiscoveryFilter", "a{sv}")) {
-        if (!isPowered()) {
-            call.fail(Errors::kNotReady);
-        } else {
-            call.reply();
-        }
-    } else if (call.is(kAdapter1, "GetDiscoveryFilters", "")) {
-        call.reply(
-            {Value::strings({"UUIDs", "RSSI", "Pathloss", "Transport", "DuplicateData", "Discoverable", "Pattern"})});
-    } else if (call.is(kAdapter1, "RemoveDevice", "o")) {
-        removeDevice(call);
-    } else {
-        return false;
-    }
-    return true;
+const MethodTable<Adapter>& Adapter::methods() {
+    static const MethodTable<Adapter> kMethods(kAdapter1,
+                                               {{{"StartDiscovery", "", ""}, &Adapter::startDiscovery},
+                                                {{"StopDiscovery", "", ""}, &Adapter::stopDiscovery},
+                                                {{"SetDiscoveryFilter", "a{sv}", ""}, &Adapter::setDiscoveryFilter},
+                                                {{"GetDiscoveryFilters", "", "as"}, &Adapter::getDiscoveryFilters},
+                                                {{"RemoveDevice", "o", ""}, &Adapter::removeDevice}});
+    return kMethods;
 }
 
 bool Adapter::write(const std::string& property, const Value& value) {
@@ -136,6 +124,17 @@ void Adapter::clientGone(const std::string& client) {
     std::vector<Device*> all;
     for (const auto& [path, device] : devices_) all.push_back(device.get());
     for (Device* device : all) device->clientGone(client);
+}
+
+/// Filters are taken and make no difference: everything in range is found.
+void Adapter::setDiscoveryFilter(const Call& call) {
+    if (!isPowered()) return call.fail(Errors::kNotReady);
+    call.reply();
+}
+
+void Adapter::getDiscoveryFilters(const Call& call) {
+    call.reply(
+        {Value::strings({"UUIDs", "RSSI", "Pathloss", "Transport", "DuplicateData", "Discoverable", "Pattern"})});
 }
 
 void Adapter::removeDevice(const Call& call) {

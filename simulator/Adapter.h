@@ -23,8 +23,8 @@ public:
 
     const std::string& path() const { return path_; }
 
-    /// Answers a call of org.bluez.Adapter1. False when it is none.
-    bool handle(const Call& call);
+    static const MethodTable<Adapter>& methods();
+    /// Properties.Set of a property that bluetoothd lets clients write. False when it does not.
     bool write(const std::string& property, const Value& value);
     /// The client's discovery and its pairings end.
     void clientGone(const std::string& client);
@@ -49,6 +49,8 @@ private:
 
     void startDiscovery(const Call& call);
     void stopDiscovery(const Call& call);
+    void setDiscoveryFilter(const Call& call);
+    void getDiscoveryFilters(const Call& call);
     void removeDevice(const Call& call);
     void endDiscoveryOf(const std::string& client);
     void inquire();

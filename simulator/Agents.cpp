@@ -6,8 +6,6 @@ namespace Simulator {
 
 namespace {
 
-constexpr const char* kAgentManager = "org.bluez.AgentManager1";
-
 bool isCapability(const std::string& capability) {
     constexpr std::string_view kKnown[] = {
         "", "DisplayOnly", "DisplayYesNo", "KeyboardOnly", "NoInputNoOutput", "KeyboardDisplay"};
@@ -16,17 +14,12 @@ bool isCapability(const std::string& capability) {
 
 }  // namespace
 
-bool Agents::handle(const Call& call) {
-    if (call.is(kAgentManager, "RegisterAgent", "os")) {
-        registerAgent(call);
-    } else if (call.is(kAgentManager, "UnregisterAgent", "o")) {
-        unregisterAgent(call);
-    } else if (call.is(kAgentManager, "RequestDefaultAgent", "o")) {
-        requestDefaultAgent(call);
-    } else {
-        return false;
-    }
-    return true;
+const MethodTable<Agents>& Agents::methods() {
+    static const MethodTable<Agents> kMethods(kAgentManager1,
+                                              {{{"RegisterAgent", "os", ""}, &Agents::registerAgent},
+                                               {{"UnregisterAgent", "o", ""}, &Agents::unregisterAgent},
+                                               {{"RequestDefaultAgent", "o", ""}, &Agents::requestDefaultAgent}});
+    return kMethods;
 }
 
 void Agents::registerAgent(const Call& call) {

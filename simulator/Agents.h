@@ -7,8 +7,11 @@
 #include <vector>
 
 #include "simulator/Bus.h"
+#include "simulator/MethodTable.h"
 
 namespace Simulator {
+
+inline constexpr const char* kAgentManager1 = "org.bluez.AgentManager1";
 
 /// A pairing agent that a client registered: who is asked for, or shown, a pincode.
 struct Agent {
@@ -20,8 +23,7 @@ struct Agent {
 /// org.bluez.AgentManager1: one agent per connection, and the order of those that asked to be the default.
 class Agents {
 public:
-    /// Answers a call of org.bluez.AgentManager1. False when it is none.
-    bool handle(const Call& call);
+    static const MethodTable<Agents>& methods();
     void clientGone(const std::string& owner);
     void forgetAll();
 

@@ -78,23 +78,14 @@ Device::~Device() {
     world_.objects.remove(path_);
 }
 
-bool Device::handle(const Call& call) {
-    if (call.is(kDevice1, "Pair", "")) {
-        pair(call);
-    } else if (call.is(kDevice1, "CancelPairing", "")) {
-        cancelPairing(call);
-    } else if (call.is(kDevice1, "Connect", "")) {
-        connect(call);
-    } else if (call.is(kDevice1, "Disconnect", "")) {
-        disconnect(call);
-    } else if (call.is(kDevice1, "ConnectProfile", "s")) {
-        connectProfile(call);
-    } else if (call.is(kDevice1, "DisconnectProfile", "s")) {
-        disconnectProfile(call);
-    } else {
-        return false;
-    }
-    return true;
+const MethodTable<Device>& Device::methods() {
+    static const MethodTable<Device> kMethods(kDevice1, {{{"Pair", "", ""}, &Device::pair},
+                                                         {{"CancelPairing", "", ""}, &Device::cancelPairing},
+                                                         {{"Connect", "", ""}, &Device::connect},
+                                                         {{"Disconnect", "", ""}, &Device::disconnect},
+                                                         {{"ConnectProfile", "s", ""}, &Device::connectProfile},
+                                                         {{"DisconnectProfile", "s", ""}, &Device::disconnectProfile}});
+    return kMethods;
 }
 
 bool Device::write(const std::string& property, const Value& value) {

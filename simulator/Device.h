@@ -27,8 +27,7 @@ public:
 
     const std::string& path() const { return path_; }
 
-    /// Answers a call of org.bluez.Device1, or has it answered later. False when it is none.
-    bool handle(const Call& call);
+    static const MethodTable<Device>& methods();
     /// Properties.Set of a property that bluetoothd lets clients write. False when it does not.
     bool write(const std::string& property, const Value& value);
     void clientGone(const std::string& client);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "simulator/ValueText.h"
+
 namespace Simulator {
 
 namespace {
@@ -201,22 +203,37 @@ void ObjectTree::getAll(const Call& call) const {
     call.replyWith([holder](sd_bus_message* message) { return appendProperties(message, *holder); });
 }
 
+std::string ObjectTree::introspection(const Interface& interface) const {
+    std::string text = fmt::format("<interface name=\"{}\">", interface.name);
+    const auto methods = methods_.find(interface.name);
+    if (methods != methods_.end()) {
+        for (const auto& method : methods->second) {
+            text += fmt::format("<method name=\"{}\">", method.member);
+            for (const auto& type : completeTypes(method.in))
+                text += fmt::format("<arg type=\"{}\" direction=\"in\"/>", type);
+            for (const auto& type : completeTypes(method.out))
+                text += fmt::format("<arg type=\"{}\" direction=\"out\"/>", type);
+            text += "</method>";
+        }
+    }
+    for (const auto& property : interface.properties) {
+        text += fmt::format("<property name=\"{}\" type=\"{}\" access=\"read\"/>", property.name,
+                            property.value.signature());
+    }
+    return text + "</interface>";
+}
+
 /// Lists what lies below and the interfaces with their properties; that is what tools like busctl walk the tree with.
 void ObjectTree::introspect(const Call& call) const {
     const std::string path = call.path();
     std::string text =
         "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
         "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n<node>";
+    // The root is an object, too, but none that the ObjectManager lists.
+    if (path == "/") text += introspection({kIntrospectable, {}}) + introspection({kObjectManager, {}});
     const auto object = objects_.find(path);
     if (object != objects_.end()) {
-        for (const auto& interface : object->second) {
-            text += fmt::format("<interface name=\"{}\">", interface.name);
-            for (const auto& property : interface.properties) {
-                text += fmt::format("<property name=\"{}\" type=\"{}\" access=\"read\"/>", property.name,
-                                    property.value.signature());
-            }
-            text += "</interface>";
-        }
+        for (const auto& interface : object->second) text += introspection(interface);
     }
     std::set<std::string> children;
     const std::string below = path == "/" ? path : path + "/";

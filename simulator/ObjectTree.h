@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "simulator/Bus.h"
+#include "simulator/MethodTable.h"
 #include "simulator/Value.h"
 
 namespace Simulator {
@@ -65,6 +66,11 @@ public:
     bool breakReading(const std::string& path, std::string_view interface, const std::string& property,
                       const std::string& errorName);
 
+    /// The methods of an interface, for Introspect.
+    void describe(const std::string& interface, std::vector<MethodInfo> methods) {
+        methods_[interface] = std::move(methods);
+    }
+
     /// Answers a call of one of the three interfaces, but for Set. False when it is none of them.
     bool handle(const Call& call) const;
 
@@ -84,9 +90,11 @@ private:
     void get(const Call& call) const;
     void getAll(const Call& call) const;
     void introspect(const Call& call) const;
+    std::string introspection(const Interface& interface) const;
 
     Bus& bus_;
     std::map<std::string, Object> objects_;
+    std::map<std::string, std::vector<MethodInfo>> methods_;  // by interface
 };
 
 }  // namespace Simulator

@@ -15,7 +15,13 @@ constexpr const char* kRoot = "/org/bluez";
 Simulation::Simulation(Loop& loop, Bus& bus, Narrator& narrator)
     : world_{loop, bus, narrator}, calls_(loop), interference_(loop), flood_(world_, [this] { return devices(); }) {
     world_.random.seed(std::random_device()());
-    world_.objects.add(kRoot, {{"org.bluez.AgentManager1", {}}});
+    world_.objects.describe(kObjectManager, {{"GetManagedObjects", "", "a{oa{sa{sv}}}"}});
+    world_.objects.describe(kIntrospectable, {{"Introspect", "", "s"}});
+    world_.objects.describe(kProperties, {{"Get", "ss", "v"}, {"GetAll", "s", "a{sv}"}, {"Set", "ssv", ""}});
+    world_.objects.describe(kAgentManager1, Agents::methods().infos());
+    world_.objects.describe(kAdapter1, Adapter::methods().infos());
+    world_.objects.describe(kDevice1, Device::methods().infos());
+    world_.objects.add(kRoot, {{kAgentManager1, {}}});
 }
 
 Simulation::~Simulation() {
@@ -53,9 +59,11 @@ void Simulation::carryOut(const Call& call) {
     const std::string path = call.path();
     if (world_.objects.handle(call)) return;
     if (call.is(kProperties, "Set", "ssv") && world_.objects.has(path, kProperties)) return setProperty(call);
-    if (path == kRoot && world_.agents.handle(call)) return;
-    if (Adapter* target = adapter(path); target && world_.objects.has(path, kAdapter1) && target->handle(call)) return;
-    if (Device* target = device(path); target && world_.objects.has(path, kDevice1) && target->handle(call)) return;
+    if (path == kRoot && Agents::methods().dispatch(world_.agents, call)) return;
+    Adapter* ownAdapter = world_.objects.has(path, kAdapter1) ? adapter(path) : nullptr;
+    if (ownAdapter && Adapter::methods().dispatch(*ownAdapter, call)) return;
+    Device* ownDevice = world_.objects.has(path, kDevice1) ? device(path) : nullptr;
+    if (ownDevice && Device::methods().dispatch(*ownDevice, call)) return;
     call.failUnknown(world_.objects.isPrefix(path));
 }
 

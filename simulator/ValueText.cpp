@@ -335,6 +335,17 @@ std::optional<Value> parseValue(const std::string& signature, std::string_view t
     return value;
 }
 
+std::vector<std::string> completeTypes(std::string_view signature) {
+    std::vector<std::string> types;
+    while (!signature.empty()) {
+        const std::size_t length = firstType(signature);
+        if (!length) return {};
+        types.emplace_back(signature.substr(0, length));
+        signature.remove_prefix(length);
+    }
+    return types;
+}
+
 std::string toText(const Value& value) {
     std::string out;
     write(out, value);

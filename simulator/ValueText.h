@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "simulator/Value.h"
 
@@ -21,6 +22,9 @@ namespace Simulator {
 /// Reads one value of the given type from the whole text. None, with `error` telling why and where, when the text is
 /// not one; nesting is limited to what D-Bus allows.
 std::optional<Value> parseValue(const std::string& signature, std::string_view text, std::string& error);
+
+/// The single complete types that the signature is made of; empty for one that is malformed.
+std::vector<std::string> completeTypes(std::string_view signature);
 
 /// The value in that notation, texts always quoted. Control characters are escaped, so that the result is one line.
 std::string toText(const Value& value);
