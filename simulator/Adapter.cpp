@@ -202,9 +202,10 @@ bool Adapter::put(const DevicePlan& plan) {
     return true;
 }
 
-bool Adapter::take(const std::string& address) {
-    const bool wasInRange = inRange_.erase(address) != 0;
-    const bool wasThere = devices_.erase(pathOf(address)) != 0;
+bool Adapter::take(const std::string& path) {
+    const bool wasInRange =
+        std::erase_if(inRange_, [&](const auto& inRange) { return pathOf(inRange.first) == path; }) != 0;
+    const bool wasThere = devices_.erase(path) != 0;
     return wasInRange || wasThere;
 }
 

@@ -35,9 +35,10 @@ public:
     /// Puts a device on the air: it appears at once, or when an inquiry finds it. False when there is no such model or
     /// the device is there already.
     bool put(const DevicePlan& plan);
-    /// Takes the device off the air. False when there was none of this address.
-    bool take(const std::string& address);
+    /// Takes the device of this path off the air. False when there was none.
+    bool take(const std::string& path);
     Device* device(const std::string& path);
+    std::string pathOf(const std::string& address) const;
     /// Paths of the devices on the bus.
     std::vector<std::string> devices() const;
 
@@ -57,7 +58,6 @@ private:
     void rest();
     void seeDevices();
     void appear(const DevicePlan& plan, const Model& model);
-    std::string pathOf(const std::string& address) const;
 
     bool isPowered() const;
     void set(const char* property, Value value) { world_.objects.set(path_, kAdapter1, property, std::move(value)); }

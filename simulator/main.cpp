@@ -7,6 +7,8 @@
 #include <string>
 
 #include "simulator/Bus.h"
+#include "simulator/Control.h"
+#include "simulator/Ctl.h"
 #include "simulator/Loop.h"
 #include "simulator/Narrator.h"
 #include "simulator/Scenario.h"
@@ -50,7 +52,10 @@ int simulate(const Options& options) {
     int exitCode = 0;
     {
         Simulation simulation(*loop, *bus, narrator);
-        bus->onCall = [&](const Call& call) { simulation.handle(call); };
+        Control control(simulation, scenario->name);
+        bus->onCall = [&](const Call& call) {
+            if (!control.handle(call)) simulation.handle(call);
+        };
         bus->onClientGone = [&](const std::string& client) { simulation.clientGone(client); };
         simulation.load(scenario->make());
         if (!bus->ownName("org.bluez", error)) return complain(error);
@@ -87,9 +92,13 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", options.verbosity, "Tell on standard error what happens; twice: also what is read");
     app.add_flag("--list-scenarios", isListingScenarios, "List the scenarios");
     app.add_flag("--list-models", isListingModels, "List the kinds of devices");
+    auto* control =
+        app.add_subcommand("ctl", "Steer a simulator that runs: ctl METHOD ARGUMENT...; ctl help lists them");
+    control->prefix_command();
     CLI11_PARSE(app, argc, argv);
     if (isListingScenarios) return listScenarios(), 0;
     if (isListingModels) return listModels(), 0;
+    if (control->parsed()) return ctl(options.bus, control->remaining());
     options.verbosity = std::min(options.verbosity, static_cast<int>(Narrator::Detail::Everything));
     return simulate(options);
 }
