@@ -1,13 +1,14 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/nodes/NodeValue.h"
 
 namespace Interfaces {
 
-/// What a node server answers for its nodes. Every operation is called on a request thread right after CallerID's set on
-/// the same thread; any number of requests may be in progress at once. Nothing is thrown.
+/// What a node server answers for its nodes. Every operation is called on a request thread right after CallerID's set
+/// on the same thread; any number of requests may be in progress at once. Nothing is thrown.
 class Generic : public virtual Object {
 public:
     virtual std::uint64_t attributeCount() = 0;
@@ -55,4 +56,6 @@ private:
 };
 
 /// Shared by all servers, none of which has writable attributes: discards the values and answers nothing.
-inline TArray<NodeValue> refuseAttributes(TArray<NodeValue>) { return {}; }
+inline TArray<NodeValue> refuseAttributes(TArray<NodeValue>) {
+    return {};
+}

@@ -14,11 +14,11 @@ struct NodeValue {
     static constexpr std::uint32_t kList = 4;
 
     std::uint32_t kind = kNone;
-    std::uint64_t integer = 0;    ///< payload of an integer
-    Ref<String> text;             ///< payload of a string
-    Ref<Object> reference;        ///< the platform's own; copied, never set by a server
-    TArray<NodeValue> children;   ///< payload of a list, for example the options of an action
-    Ref<String> name;             ///< action name in a request, attribute or action name in a reply; may be null
+    std::uint64_t integer = 0;   ///< payload of an integer
+    Ref<String> text;            ///< payload of a string
+    Ref<Object> reference;       ///< the platform's own; copied, never set by a server
+    TArray<NodeValue> children;  ///< payload of a list, for example the options of an action
+    Ref<String> name;            ///< action name in a request, attribute or action name in a reply; may be null
 
     static NodeValue makeInteger(Ref<String> name, std::uint64_t value);
     /// Kind 0 when the text is null.

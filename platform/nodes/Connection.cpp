@@ -1,0 +1,239 @@
+#include "platform/nodes/Connection.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include "platform/nodes/Log.h"
+#include "platform/nodes/Methods.h"
+#include "platform/nodes/Node.h"
+#include "platform/nodes/Worker.h"
+
+namespace Services::Nodes {
+
+Connection::Connection(Ref<Node> node, uid_t user, Fd socket)
+    : node_(std::move(node)), user_(user), socket_(std::move(socket)) {}
+
+Connection::~Connection() = default;
+
+bool Connection::open() {
+    const Lock lock(lock_);
+    return node_->service().engine().add(*this, socket_.get(), EPOLLIN | EPOLLRDHUP);
+}
+
+void Connection::onEvents(std::uint32_t events, Worker& worker) {
+    bool closed = false;
+    bool watchEnded = false;
+    {
+        const Lock lock(lock_);
+        if (!isOpen()) return;
+        if (events & (EPOLLHUP | EPOLLERR)) hangUp();
+        if (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) readToEnd_ = true;
+        if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) readable_ = true;
+        if (events & EPOLLOUT) flush();
+        pump(worker);
+        watchEnded = std::exchange(watchEnded_, false);
+        closed = settle();
+    }
+    if (watchEnded) node_->endWatch(*this);
+    if (closed) node_->removeConnection(*this);
+}
+
+void Connection::pump(Worker& worker) {
+    for (bool first = true; isOpen(); first = false) {
+        // Not before the first round: most events bring one call, which sees to it itself if it may block.
+        if (!first) node_->service().engine().ensureFollower();
+        std::optional<std::string_view> message;
+        const bool reads = readable_ && wantsInput();
+        if (reads) message = receive(worker);
+        if (!message && mayServe()) {
+            dequeue(worker.message);
+            message = worker.message;
+        }
+        if (message) {
+            serve(*message, worker);
+        } else if (!reads) {
+            return;
+        }
+    }
+}
+
+bool Connection::mayServe() const {
+    return isOpen() && calls_ > 0 && !serving_ && !watching_ && !withdrawn_ && backlogBytes() <= Limits::kBacklogBytes;
+}
+
+bool Connection::wantsInput() const {
+    if (!isOpen() || withdrawn_ || input_ != Input::Open || pendingCalls() >= Limits::kPendingCalls) return false;
+    return calls_ == 0 || queuedBytes() < Limits::kReadAheadBytes;
+}
+
+void Connection::serve(std::string_view message, Worker& worker) {
+    Serving serving;
+    // Until it is known to be oneway, a call is one whose answer somebody waits for.
+    if (hungUp_) serving.token.raise(Interrupt::Level::HangUp);
+    serving_ = &serving;
+    lock_.unlock();
+    {
+        const NodeService::Use use(node_->service());
+        std::optional<std::string_view> reply;
+        bool malformed = false;
+        bool busy = false;
+        if (use.granted()) {
+            const std::optional<Call> call = parseCall(worker.envelope, message);
+            malformed = !call;
+            if (call && begin(serving, call->oneway)) {
+                const Interrupt::Bind bind(serving.token);
+                const Outcome outcome = serveCall(*node_, use, *call, worker);
+                busy = outcome == Outcome::Busy;
+                const bool watches =
+                    outcome == Outcome::Watch && !call->oneway && node_->startWatch(*this, worker.reply.message());
+                if (outcome == Outcome::Watch && !watches) withdrawnError(worker.reply);
+                if (!call->oneway && !watches) reply = worker.reply.message();
+            }
+        }
+        lock_.lock();
+        serving_ = nullptr;
+        if (malformed) {
+            dropWaiting();
+            input_ = Input::Broken;
+        }
+        if (busy && !(logged_ & LoggedBusy)) {
+            logged_ |= LoggedBusy;
+            logLimit("too many requests in progress");
+        }
+        if (reply) send(*reply);
+        lock_.unlock();
+    }
+    lock_.lock();
+}
+
+bool Connection::begin(Serving& serving, bool oneway) {
+    if (oneway) {
+        // The token may have been raised for a call whose answer nobody waits for any more. This one has none.
+        const Lock lock(lock_);
+        serving.oneway = true;
+        if (stopped_) return false;
+        if (hungUp_) {
+            serving.token.reset();
+            serving.token.raise(Interrupt::Level::Unheard);
+        }
+        return true;
+    }
+    return serving.token.level() == Interrupt::Level::None;
+}
+
+void Connection::hangUp() {
+    hungUp_ = true;
+    readToEnd_ = readable_ = true;
+    backlog_ = std::string();
+    backlogHead_ = 0;
+    backlogDue_.reset();
+    if (serving_) {
+        serving_->token.raise(serving_->oneway ? Interrupt::Level::Unheard : Interrupt::Level::HangUp);
+    }
+    if (std::exchange(watching_, false)) watchEnded_ = true;
+}
+
+void Connection::nodeWithdrawn(bool stopped) {
+    bool closed = false;
+    {
+        const Lock lock(lock_);
+        if (!isOpen()) return;
+        withdrawn_ = true;
+        dropWaiting();
+        if (std::exchange(watching_, false)) {
+            Reply reply;
+            send(withdrawnError(reply));
+        }
+        if (stopped && serving_ && !node_->urgent()) {
+            stopped_ = true;
+            serving_->token.raise(Interrupt::Level::End);
+            close();
+            closed = true;
+        } else {
+            closed = settle();
+        }
+    }
+    if (closed) node_->removeConnection(*this);
+}
+
+void Connection::dropWaiting() {
+    queue_ = std::string();
+    queueHead_ = 0;
+    partial_ = 0;
+    calls_ = 0;
+    messageDue_.reset();
+}
+
+bool Connection::settle() {
+    if (!isOpen() || serving_) return false;
+    const bool inputOver = withdrawn_ || input_ != Input::Open;
+    if (inputOver && !watching_ && calls_ == 0 && backlogBytes() == 0) {
+        close();
+        return true;
+    }
+    // A message that the service leaves unread has all the time it needs.
+    if (partial_ == 0 || !wantsInput()) {
+        messageDue_.reset();
+    } else if (!messageDue_) {
+        messageDue_ = Clock::now() + Limits::kMessageTime;
+    }
+    Engine& engine = node_->service().engine();
+    if (messageDue_) engine.callAt(*this, *messageDue_);
+    if (backlogDue_) engine.callAt(*this, *backlogDue_);
+    return false;
+}
+
+void Connection::close() {
+    node_->service().engine().remove(*this, socket_.get());
+    // A socket that is closed with bytes unread gives its client an error in place of the end of the stream. After the
+    // shutdown nothing more comes in, so this ends.
+    shutdown(socket_.get(), SHUT_RDWR);
+    char unread[4096];
+    while (recv(socket_.get(), unread, sizeof unread, MSG_DONTWAIT) > 0) {
+    }
+    socket_.reset();
+    dropWaiting();
+    backlog_ = std::string();
+    backlogHead_ = 0;
+}
+
+void Connection::onDeadline() {
+    bool closed = false;
+    {
+        const Lock lock(lock_);
+        if (!isOpen()) return;
+        const Clock::time_point now = Clock::now();
+        if (messageDue_ && *messageDue_ <= now) breakInput("a message took too long");
+        if (backlogDue_ && *backlogDue_ <= now) {
+            logLimit("replies are not read");
+            dropWaiting();
+            input_ = Input::Broken;
+            hangUp();
+        }
+        closed = settle();
+    }
+    if (closed) node_->removeConnection(*this);
+}
+
+bool Connection::finish(int& fd) {
+    const Lock lock(lock_);
+    if (isOpen() && backlogBytes() > 0) flush();
+    if (!isOpen() || backlogBytes() == 0) return true;
+    fd = socket_.get();
+    return false;
+}
+
+void Connection::abandon() {
+    {
+        const Lock lock(lock_);
+        if (!isOpen()) return;
+        close();
+    }
+    node_->removeConnection(*this);
+}
+
+void Connection::logLimit(std::string_view what) const {
+    LogRecord(kLogDegraded, logHandle()) << "Connection at its limit: " << node_->name() << ": " << what;
+}
+
+}  // namespace Services::Nodes

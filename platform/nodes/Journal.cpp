@@ -1,0 +1,108 @@
+#include "platform/nodes/Journal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <unordered_map>
+
+namespace Services::Nodes {
+
+namespace {
+
+constexpr const char* kFile = "journal";
+constexpr const char* kNewFile = "journal.new";
+/// Lines that the file may have beyond twice the records it holds, before it is written anew.
+constexpr std::size_t kSpareLines = 256;
+
+std::string readAll(int file) {
+    std::string all;
+    std::array<char, 4096> part;
+    for (;;) {
+        const ssize_t size = ::read(file, part.data(), part.size());
+        if (size < 0 && errno == EINTR) continue;
+        if (size <= 0) return all;
+        all.append(part.data(), static_cast<std::size_t>(size));
+    }
+}
+
+Fd createFile(int folder, const char* name) {
+    return Fd(openat(folder, name, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+}
+
+std::string lineFor(ino_t inode, std::string_view name) {
+    return "+" + std::to_string(inode) + " " + std::string(name) + "\n";
+}
+
+}  // namespace
+
+std::optional<Journal> Journal::create(int folder) {
+    Fd file = createFile(folder, kFile);
+    if (!file) return {};
+    return Journal(folder, std::move(file));
+}
+
+void Journal::read(int folder, const std::function<void(ino_t, std::string_view)>& record) {
+    const Fd file(openat(folder, kFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file) return;
+    const std::string text = readAll(file.get());
+    std::unordered_map<ino_t, std::string_view> records;
+    std::size_t begin = 0;
+    for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
+        const std::string_view line = std::string_view(text).substr(begin, end - begin);
+        begin = end + 1;  // a last line without its end was never finished, and its socket never published
+        ino_t inode = 0;
+        if (line.size() < 2) continue;
+        const auto [rest, error] = std::from_chars(line.data() + 1, line.data() + line.size(), inode);
+        if (error != std::errc()) continue;
+        const auto name = static_cast<std::size_t>(rest - line.data()) + 1;
+        if (line.front() == '-') records.erase(inode);
+        if (line.front() == '+' && name < line.size()) records.insert_or_assign(inode, line.substr(name));
+    }
+    for (const auto& [inode, name] : records) record(inode, name);
+}
+
+void Journal::remove(int folder) noexcept {
+    unlinkat(folder, kFile, 0);
+    unlinkat(folder, kNewFile, 0);
+}
+
+bool Journal::add(ino_t inode, std::string_view name) {
+    if (!append(lineFor(inode, name))) return false;
+    ++records_;
+    return true;
+}
+
+void Journal::takeBack(ino_t inode) {
+    // When it cannot be written, the record lacks its socket, which is allowed.
+    append("-" + std::to_string(inode) + "\n");
+    --records_;
+    if (lines_ > 2 * records_ + kSpareLines) compact();
+}
+
+bool Journal::append(const std::string& line) {
+    const ssize_t written = pwrite(file_.get(), line.data(), line.size(), size_);
+    if (written == static_cast<ssize_t>(line.size())) {
+        size_ += written;
+        ++lines_;
+        return true;
+    }
+    const int error = written < 0 ? errno : ENOSPC;
+    [[maybe_unused]] const int restored = ftruncate(file_.get(), size_);
+    errno = error;
+    return false;
+}
+
+void Journal::compact() {
+    Fd file = createFile(folder_, kNewFile);
+    if (!file) return;
+    Journal fresh(folder_, std::move(file));
+    bool whole = true;
+    read(folder_, [&](ino_t inode, std::string_view name) { whole = whole && fresh.add(inode, name); });
+    // The new file takes the old one's place at once: a process killed here leaves one or the other.
+    if (whole && renameat(folder_, kNewFile, folder_, kFile) == 0) *this = std::move(fresh);
+}
+
+}  // namespace Services::Nodes

@@ -1,0 +1,243 @@
+#include "platform/nodes/Tree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include "platform/nodes/Folders.h"
+#include "platform/nodes/Log.h"
+#include "platform/nodes/Root.h"
+
+namespace Services::Nodes {
+
+namespace {
+
+std::string lastError() {
+    return std::system_category().message(errno);
+}
+
+/// The address of a socket in a folder. Through the descriptor, since an address holds 107 bytes and a path may be
+/// longer.
+sockaddr_un addressIn(int folder, const std::string& name) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", folder, name.c_str());
+    return address;
+}
+
+bool bindIn(int socket, int folder, const std::string& name) {
+    const sockaddr_un address = addressIn(folder, name);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+/// Whether somebody listens on the socket in the folder. In doubt yes.
+bool isServed(int folder, const std::string& name) {
+    const Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // An own folder descriptor and a short name: a name of up to 255 bytes does not fit into an address.
+    const Fd target(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!probe || !target) return true;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d", target.get());
+    const bool connected = connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return connected || errno != ECONNREFUSED;
+}
+
+/// Moves a file, never onto another one.
+bool renameNoReplace(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
+    if (renameat2(fromFolder, from.c_str(), toFolder, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    // A file system without that flag: a link does not replace anything either.
+    if (linkat(fromFolder, from.c_str(), toFolder, to.c_str(), 0) != 0) return false;
+    unlinkat(fromFolder, from.c_str(), 0);
+    return true;
+}
+
+std::string pathIn(const std::string& root, const std::string& name) {
+    return root.back() == '/' ? root + name : root + "/" + name;
+}
+
+}  // namespace
+
+Mutex Tree::treeLock;
+
+std::unique_ptr<Tree> Tree::open(std::string_view server) {
+    const std::string path = rootPath();
+    if (path.empty()) {
+        LogRecord(kLogFailure, logHandle())
+            << "No root for the node tree: neither NODE_ROOT nor XDG_RUNTIME_DIR is set";
+        return nullptr;
+    }
+    Fd root = openRoot(path);
+    if (!root) {
+        LogRecord(kLogFailure, logHandle())
+            << "Could not use the root of the node tree " << path << ": " << lastError();
+        return nullptr;
+    }
+    std::string reason;
+    std::optional<ServerLock> lock = ServerLock::take(root.get(), server, reason);
+    if (!lock) {
+        LogRecord(kLogFailure, logHandle())
+            << "Could not serve " << server << ", " << pathIn(path, ServerLock::fileName(server)) << ": " << reason;
+        return nullptr;
+    }
+    std::unique_ptr<Tree> tree(new Tree(std::move(root), std::move(*lock), server));
+    if (tree->prepare(reason)) return tree;
+    LogRecord(kLogFailure, logHandle()) << "Could not use the root of the node tree " << path << ": "
+                                        << tree->stagingName_ << ": " << reason;
+    return nullptr;
+}
+
+Tree::Tree(Fd root, ServerLock lock, std::string_view server)
+    : root_(std::move(root)), lock_(std::move(lock)), stagingName_("." + std::string(server) + ".new") {}
+
+Tree::~Tree() {
+    close();
+}
+
+bool Tree::prepare(std::string& reason) {
+    const Lock lock(treeLock);
+    constexpr mode_t kOwnOnly = 0700;
+    const bool made = mkdirat(root_.get(), stagingName_.c_str(), kOwnOnly) == 0;
+    if (made || errno == EEXIST) {
+        staging_ = Fd(openat(root_.get(), stagingName_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    if (staging_) {
+        clearLeftovers();
+        journal_ = Journal::create(staging_.get());
+        if (journal_) return true;
+    }
+    reason = lastError();
+    return false;
+}
+
+void Tree::clearLeftovers() {
+    Journal::read(staging_.get(), [this](ino_t inode, std::string_view name) { removeSocket(name, inode, true); });
+    // Sockets that were on their way.
+    const int copy = fcntl(staging_.get(), F_DUPFD_CLOEXEC, 0);  // closedir closes it
+    DIR* const folder = copy < 0 ? nullptr : fdopendir(copy);
+    if (!folder) return;
+    while (const dirent* entry = readdir(folder)) {
+        struct stat info {};
+        if (fstatat(staging_.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(info.st_mode)) {
+            unlinkat(staging_.get(), entry->d_name, 0);
+        }
+    }
+    closedir(folder);
+}
+
+std::optional<Tree::Socket> Tree::publish(std::string_view name, mode_t mode, std::string& reason) {
+    const NodePath path(name);
+    if (!path.valid()) {
+        reason = "not a name for a node";
+        return {};
+    }
+    const Lock lock(treeLock);
+    if (!journal_) {
+        reason = "the service has stopped";
+        return {};
+    }
+    const std::string staged = "node" + std::to_string(++counter_);
+    Socket made;
+    if (!makeSocket(staged, mode, path.topFolder(), made, reason)) {
+        unlinkat(staging_.get(), staged.c_str(), 0);
+        return {};
+    }
+    if (!journal_->add(made.inode, name)) {
+        reason = lastError();
+        unlinkat(staging_.get(), staged.c_str(), 0);
+        return {};
+    }
+    if (moveIntoPlace(staged, name, reason)) return made;
+    unlinkat(staging_.get(), staged.c_str(), 0);
+    journal_->takeBack(made.inode);
+    return {};
+}
+
+bool Tree::makeSocket(const std::string& staged, mode_t mode, std::string_view topFolder, Socket& made,
+                      std::string& reason) {
+    made.listener = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    bool good = made.listener && bindIn(made.listener.get(), staging_.get(), staged);
+    if (good) {
+        // The owner before the mode; without the right to give the group away it stays the process's own.
+        if (const std::optional<gid_t> group = groupOf(topFolder)) {
+            [[maybe_unused]] const int given =
+                fchownat(staging_.get(), staged.c_str(), static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW);
+        }
+        struct stat info {};
+        good = fchmodat(staging_.get(), staged.c_str(), mode, 0) == 0 && listen(made.listener.get(), SOMAXCONN) == 0 &&
+               fstatat(staging_.get(), staged.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+        made.inode = info.st_ino;
+    }
+    if (!good) reason = lastError();
+    return good;
+}
+
+bool Tree::moveIntoPlace(const std::string& staged, std::string_view name, std::string& reason) {
+    const NodePath path(name);
+    // Another process may remove a folder that is empty just before the socket comes into it.
+    constexpr int kTries = 16;
+    for (int tries = 0; tries < kTries; ++tries) {
+        std::size_t newFolders = 0;
+        const Fd folder = path.makeFolder(root_.get(), newFolders);
+        if (folder && renameNoReplace(staging_.get(), staged, folder.get(), path.leaf())) return true;
+        const int error = errno;
+        if (folder && newFolders > 0) path.removeEmptyFolders(root_.get(), newFolders);
+        reason = std::system_category().message(error);
+        if (error != ENOENT) return false;
+    }
+    return false;
+}
+
+void Tree::withdraw(std::string_view name, ino_t inode) {
+    const Lock lock(treeLock);
+    removeSocket(name, inode, false);
+    if (journal_) journal_->takeBack(inode);
+}
+
+void Tree::removeSocket(std::string_view name, ino_t inode, bool onlyIfDead) {
+    const NodePath path(name);
+    if (!path.valid()) return;
+    if (const Fd folder = path.openFolder(root_.get())) {
+        struct stat info {};
+        const bool ours = fstatat(folder.get(), path.leaf().c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+                          S_ISSOCK(info.st_mode) && info.st_ino == inode;
+        if (ours && !(onlyIfDead && isServed(folder.get(), path.leaf()))) {
+            unlinkat(folder.get(), path.leaf().c_str(), 0);
+        }
+    }
+    path.removeEmptyFolders(root_.get());
+}
+
+std::optional<gid_t> Tree::groupOf(std::string_view folder) {
+    const auto known = groups_.find(folder);
+    if (known != groups_.end()) return known->second;
+    const std::string name(folder);
+    std::array<char, 16 * 1024> buffer;
+    group entry{};
+    group* found = nullptr;
+    std::optional<gid_t> id;
+    if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found) id = found->gr_gid;
+    groups_.emplace(name, id);
+    return id;
+}
+
+void Tree::close() {
+    const Lock lock(treeLock);
+    if (!staging_) return;
+    if (journal_) Journal::remove(staging_.get());
+    journal_.reset();
+    staging_.reset();
+    unlinkat(root_.get(), stagingName_.c_str(), AT_REMOVEDIR);
+}
+
+}  // namespace Services::Nodes
