@@ -63,20 +63,24 @@ std::string LogLine::number(std::uint64_t value) {
 }
 
 std::string LogLine::escape(std::string_view text) {
+    const auto plain = [](char character) { return character >= 0x20 && character < 0x7F; };
     std::string escaped;
     escaped.reserve(text.size());
-    while (!text.empty()) {
+    for (;;) {
+        const auto end = std::find_if_not(text.begin(), text.end(), plain);
+        escaped.append(text.begin(), end);
+        text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
+        if (text.empty()) return escaped;
+
         const Utf8::Character character = Utf8::first(text);
-        const std::size_t length = std::max<std::size_t>(character.length, 1);
-        const std::string_view bytes = text.substr(0, length);
-        if (character.length == 0 || (disturbs(character.code) && character.code != U'\n')) {
-            appendEscaped(escaped, bytes);
-        } else if (character.code == U'\n') {
+        const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.length, 1));
+        if (character.length > 0 && !disturbs(character.code)) {
+            escaped += bytes;
+        } else if (bytes == "\n") {
             escaped += "\\n";
         } else {
-            escaped += bytes;
+            appendEscaped(escaped, bytes);
         }
-        text.remove_prefix(length);
+        text.remove_prefix(bytes.size());
     }
-    return escaped;
 }

@@ -26,14 +26,16 @@ LogSink& LogSink::instance() {
 
 void LogSink::write(std::uint32_t level, std::string_view id, std::string_view text) {
     const MutexLock lock(mutex_);
-    Line line{LogLine::format(level, id, text), 1};
-    if (lost_ > 0) reportLost(line.text.size());
-    if (lost_ == 0 && fits(line.text.size())) {
-        keep(std::move(line));
-    } else {
-        ++lost_;
-    }
+    if (!fits(text.size()) || !keepIfFits({LogLine::format(level, id, text), 1})) ++lost_;
     if (!draining_ && !writeBacklog()) startDraining();
+}
+
+/// False: the line is lost.
+bool LogSink::keepIfFits(Line line) {
+    if (lost_ > 0) reportLost(line.text.size());
+    if (lost_ > 0 || !fits(line.text.size())) return false;
+    keep(std::move(line));
+    return true;
 }
 
 void LogSink::keep(Line line) {

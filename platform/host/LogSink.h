@@ -36,6 +36,7 @@ private:
     bool fits(std::size_t bytes) const REQUIRES(mutex_) {
         return backlog_.empty() || backlogBytes_ + bytes <= kMaxBacklog;
     }
+    bool keepIfFits(Line line) REQUIRES(mutex_);
     void keep(Line line) REQUIRES(mutex_);
     void reportLost(std::size_t withRoomFor) REQUIRES(mutex_);
     bool writeBacklog() REQUIRES(mutex_);

@@ -24,7 +24,7 @@ void Capture::restore() {
 std::vector<std::string> Capture::lines() {
     restore();
     lseek(file_.get(), 0, SEEK_SET);
-    return linesOf(readAll(file_.get()));
+    return linesOf(Reader(file_.get()).rest());
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

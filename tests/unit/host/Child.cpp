@@ -38,34 +38,32 @@ Pipe::Pipe() {
     write = Descriptor(ends[1]);
 }
 
-namespace {
-
-/// Reads once; empty at the end or when nothing comes in time.
-std::string readSome(int descriptor, std::size_t most, int limitMs) {
-    pollfd ready{descriptor, POLLIN, 0};
-    if (poll(&ready, 1, limitMs) <= 0) return {};
-    std::string bytes(most, '\0');
-    const ssize_t count = read(descriptor, bytes.data(), bytes.size());
-    bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);  // a terminal ends with EIO
-    return bytes;
+bool Reader::readMore() {
+    constexpr int kLimitMs = 20'000;
+    pollfd ready{descriptor_, POLLIN, 0};
+    if (poll(&ready, 1, kLimitMs) <= 0) return false;
+    std::array<char, 65536> bytes;
+    const ssize_t count = read(descriptor_, bytes.data(), bytes.size());
+    if (count <= 0) return false;  // a terminal ends with an error
+    buffer_.append(bytes.data(), static_cast<std::size_t>(count));
+    return true;
 }
 
-}  // namespace
-
-std::string readAll(int descriptor, int limitMs) {
-    std::string all;
-    for (std::string bytes = "-"; !bytes.empty(); all += bytes) bytes = readSome(descriptor, 65536, limitMs);
-    return all;
-}
-
-std::optional<std::string> readLine(int descriptor, int limitMs) {
-    std::string line;
-    for (;;) {
-        const std::string byte = readSome(descriptor, 1, limitMs);
-        if (byte.empty()) return std::nullopt;
-        if (byte == "\n") return line;
-        line += byte;
+std::optional<std::string> Reader::line() {
+    std::size_t end = buffer_.find('\n');
+    for (std::size_t searched = 0; end == std::string::npos; end = buffer_.find('\n', searched)) {
+        searched = buffer_.size();
+        if (!readMore()) return std::nullopt;
     }
+    std::string line = buffer_.substr(0, end);
+    buffer_.erase(0, end + 1);
+    return line;
+}
+
+std::string Reader::rest() {
+    while (readMore()) {
+    }
+    return std::exchange(buffer_, {});
 }
 
 Child::Child(const Setup& setup) {
@@ -102,6 +100,8 @@ Child::Child(const Setup& setup) {
     input_ = std::move(in.write);
     output_ = std::move(out.read);
     error_ = std::move(err.read);
+    outputReader_ = Reader(output_.get());
+    errorReader_ = Reader(error_.get());
 }
 
 Child::~Child() {

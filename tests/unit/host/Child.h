@@ -29,16 +29,26 @@ struct Pipe {
     Descriptor write;
 };
 
-/// All of what can be read up to the end, or up to `limitMs` milliseconds without anything.
-std::string readAll(int descriptor, int limitMs = 20'000);
-/// The next line without its line break; nothing at the end, or when it does not come in time.
-std::optional<std::string> readLine(int descriptor, int limitMs = 20'000);
+/// Reads a descriptor, which it does not own, with a limit of 20 seconds for each piece.
+class Reader {
+public:
+    explicit Reader(int descriptor) : descriptor_(descriptor) {}
+    /// The next line without its line break; nothing at the end, or when nothing more comes.
+    std::optional<std::string> line();
+    /// All up to the end, or until nothing more comes.
+    std::string rest();
+
+private:
+    bool readMore();
+
+    int descriptor_;
+    std::string buffer_;
+};
 
 /// A run of unit-host-child. Its standard error is a pipe; standard input and output are unless told otherwise.
 class Child {
 public:
     static constexpr int kPipe = -1;
-    static constexpr int kClosed = -2;
 
     struct Setup {
         std::vector<std::string> arguments;
@@ -54,9 +64,8 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    int output() const { return output_.get(); }
-    int error() const { return error_.get(); }
-    void closeOutput() { output_.close(); }
+    Reader& output() { return outputReader_; }
+    Reader& error() { return errorReader_; }
     /// Ends the child's standard input, which the modes take for "go on".
     void goOn() { input_.close(); }
     void signal(int number) const;
@@ -68,6 +77,8 @@ private:
     Descriptor input_;
     Descriptor output_;
     Descriptor error_;
+    Reader outputReader_{-1};
+    Reader errorReader_{-1};
 };
 
 }  // namespace HostTest

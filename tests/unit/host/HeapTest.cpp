@@ -18,7 +18,6 @@
 namespace {
 
 using HostTest::Child;
-using HostTest::readAll;
 
 TEST(Heap, GivesBlocksAlsoForNoBytes) {
     void* const block = Heap::alloc(0);
@@ -46,7 +45,7 @@ TEST_P(OutOfMemory, EndsTheProcessWithAMessageAndCodeOne) {
 #endif
     Child child({.arguments = {GetParam()}});
     EXPECT_EQ(child.wait(), 1);
-    EXPECT_EQ(readAll(child.output()), "out of memory");
+    EXPECT_EQ(child.output().rest(), "out of memory");
 }
 
 TEST(Mem, ZeroesAndMoves) {

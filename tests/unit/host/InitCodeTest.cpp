@@ -7,12 +7,11 @@
 namespace {
 
 using HostTest::Child;
-using HostTest::readAll;
 
 TEST(InitCode, RunsInitialisersMainAndExitHandlersInOrder) {
     Child child({.arguments = {"return", "42"}});
     EXPECT_EQ(child.wait(), 42);
-    EXPECT_EQ(readAll(child.error()), "initialised 12\nbound 1\nsecond handler\nhandler of a handler\nfirst handler\n");
+    EXPECT_EQ(child.error().rest(), "initialised 12\nbound 1\nsecond handler\nhandler of a handler\nfirst handler\n");
 }
 
 TEST(InitCode, HandsTheResultOfMainToTheParent) {

@@ -24,8 +24,7 @@ using HostTest::Child;
 using HostTest::Descriptor;
 using HostTest::linesOf;
 using HostTest::Pipe;
-using HostTest::readAll;
-using HostTest::readLine;
+using HostTest::Reader;
 using HostTest::withoutTimes;
 using testing::AllOf;
 using testing::Each;
@@ -83,8 +82,8 @@ std::vector<std::string> withoutReturns(std::vector<std::string> lines) {
 }
 
 /// The number after "longest " that a flooding child says.
-int longestMs(const Child& child) {
-    const std::optional<std::string> said = readLine(child.error());
+int longestMs(Child& child) {
+    const std::optional<std::string> said = child.error().line();
     if (!said || !said->starts_with("longest ")) return -1;
     return std::stoi(said->substr(8));
 }
@@ -92,13 +91,14 @@ int longestMs(const Child& child) {
 TEST_P(StuckReader, DelaysNobodyAndGetsEveryLineWhenItReadsAgain) {
     constexpr int kRecords = 2000;  // 400 KiB: more than any of the descriptors takes, less than the backlog
     Ends ends = GetParam().make();
+    Reader reader(ends.test.get());
     Child child({.arguments = {"log-flood", std::to_string(kRecords), "150"}, .output = ends.child.get()});
     ends.child.close();
     const int longest = longestMs(child);
     EXPECT_GE(longest, 0);
     EXPECT_LT(longest, kPromptMs);
     child.goOn();
-    const std::vector<std::string> lines = withoutReturns(withoutTimes(linesOf(readAll(ends.test.get()))));
+    const std::vector<std::string> lines = withoutReturns(withoutTimes(linesOf(reader.rest())));
     EXPECT_EQ(child.wait(), 0);
 
     ASSERT_EQ(lines.size(), std::size_t{kRecords + 1});
@@ -113,18 +113,19 @@ TEST_P(StuckReader, DelaysNobodyAndGetsEveryLineWhenItReadsAgain) {
 TEST_P(StuckReader, LosesTheNewestLinesAndIsToldHowMany) {
     constexpr std::uint64_t kRecords = 3000;  // 3 MiB
     Ends ends = GetParam().make();
+    Reader reader(ends.test.get());
     Child child({.arguments = {"log-flood", std::to_string(kRecords), "1000"}, .output = ends.child.get()});
     ends.child.close();
     EXPECT_LT(longestMs(child), kPromptMs);
 
     // Before the child goes on and logs one more line, all that it kept and the line about the others come out.
     std::vector<std::string> lines;
-    for (std::optional<std::string> line; (line = readLine(ends.test.get()));) {
+    for (std::optional<std::string> line; (line = reader.line());) {
         lines.push_back(*line);
         if (line->find("Log lines lost") != std::string::npos) break;
     }
     child.goOn();
-    const std::string rest = readAll(ends.test.get());
+    const std::string rest = reader.rest();
     EXPECT_EQ(child.wait(), 0);
 
     lines = withoutReturns(withoutTimes(lines));
@@ -151,31 +152,33 @@ TEST_P(StuckReader, HoldsUpTheEndOfTheProcessForAMomentOnly) {
     ends.child.close();
     EXPECT_LT(longestMs(child), kPromptMs);
     child.goOn();
-    EXPECT_EQ(readLine(child.error()), "logged");
+    EXPECT_EQ(child.error().line(), "logged");
     EXPECT_EQ(child.wait(), 0);  // nothing was read so far
 }
 
 TEST_P(StuckReader, GetsOneLineThatIsLongerThanTheBacklog) {
     Ends ends = GetParam().make();
+    Reader reader(ends.test.get());
     const std::size_t length = 2 * LogSink::kMaxBacklog;
     Child child({.arguments = {"log-flood", "1", std::to_string(length)}, .output = ends.child.get()});
     ends.child.close();
     EXPECT_LT(longestMs(child), kPromptMs);
-    const std::optional<std::string> line = readLine(ends.test.get());
+    const std::optional<std::string> line = reader.line();
     ASSERT_TRUE(line);
     EXPECT_GE(line->size(), length);
     child.goOn();
-    EXPECT_THAT(withoutReturns(withoutTimes(linesOf(readAll(ends.test.get())))),
+    EXPECT_THAT(withoutReturns(withoutTimes(linesOf(reader.rest()))),
                 ElementsAre("[4] Tests/Main HostChild: after the flood"));
     EXPECT_EQ(child.wait(), 0);
 }
 
 TEST_P(StuckReader, ThatGoesAwayEndsNothing) {
     Ends ends = GetParam().make();
+    Reader reader(ends.test.get());
     Child child({.arguments = {"log-late"}, .output = ends.child.get()});
     ends.child.close();
-    EXPECT_EQ(readLine(child.error()), "logged");
-    EXPECT_THAT(readLine(ends.test.get()).value_or(""), HasSubstr("HostChild: first"));
+    EXPECT_EQ(child.error().line(), "logged");
+    EXPECT_THAT(reader.line().value_or(""), HasSubstr("HostChild: first"));
     ends.test.close();
     child.goOn();
     EXPECT_EQ(child.wait(), 9);
@@ -188,19 +191,20 @@ TEST_P(StuckReader, ThatGoesAwayDuringAFloodEndsNothing) {
     EXPECT_LT(longestMs(child), kPromptMs);
     ends.test.close();
     child.goOn();
-    EXPECT_EQ(readLine(child.error()), "logged");
+    EXPECT_EQ(child.error().line(), "logged");
     EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(LogSink, TakesAStoppedTerminalForStuck) {
     Ends ends = terminalEnds();
+    Reader reader(ends.test.get());
     ASSERT_EQ(tcflow(ends.child.get(), TCOOFF), 0);
     Child child({.arguments = {"log-flood", "10", "10"}, .output = ends.child.get()});
     EXPECT_LT(longestMs(child), kPromptMs);
     ASSERT_EQ(tcflow(ends.child.get(), TCOON), 0);
     ends.child.close();
     child.goOn();
-    EXPECT_EQ(linesOf(readAll(ends.test.get())).size(), 11u);
+    EXPECT_EQ(linesOf(reader.rest()).size(), 11u);
     EXPECT_EQ(child.wait(), 0);
 }
 
@@ -220,7 +224,7 @@ TEST(LogSink, WritesIntoAFile) {
     child.goOn();
     EXPECT_EQ(child.wait(), 0);
     lseek(file.get(), 0, SEEK_SET);
-    EXPECT_EQ(linesOf(readAll(file.get())).size(), 2001u);
+    EXPECT_EQ(linesOf(Reader(file.get()).rest()).size(), 2001u);
 }
 
 TEST(LogSink, SurvivesAFullDevice) {
@@ -244,7 +248,7 @@ TEST(LogSink, HidesTheLevelsBelowTheThresholdOfTheEnvironment) {
     for (const auto& item : cases) {
         Child child({.arguments = {"log-levels"}, .environment = {item.setting}});
         EXPECT_EQ(child.wait(), 0);
-        EXPECT_EQ(linesOf(readAll(child.output())).size(), item.lines) << item.setting;
+        EXPECT_EQ(linesOf(child.output().rest()).size(), item.lines) << item.setting;
     }
 }
 
@@ -256,11 +260,12 @@ std::string journalStream(int descriptor) {
 
 TEST(LogSink, WritesPrioritiesInPlaceOfTimesForTheJournal) {
     Ends ends = socketEnds();
+    Reader reader(ends.test.get());
     Child child(
         {.arguments = {"log-levels"}, .environment = {journalStream(ends.child.get())}, .output = ends.child.get()});
     ends.child.close();
     EXPECT_EQ(child.wait(), 0);
-    EXPECT_EQ(readAll(ends.test.get()),
+    EXPECT_EQ(reader.rest(),
               "<7>[0] Tests/Main HostChild: of level 0\n<6>[1] Tests/Main HostChild: of level 1\n"
               "<5>[2] Tests/Main HostChild: of level 2\n<4>[3] Tests/Main HostChild: of level 3\n"
               "<3>[4] Tests/Main HostChild: of level 4\n");
@@ -270,7 +275,7 @@ TEST(LogSink, WritesTimesWhereTheJournalIsSomethingElse) {
     for (const std::string stream : {"JOURNAL_STREAM=1:2", "JOURNAL_STREAM=", "JOURNAL_STREAM=x"}) {
         Child child({.arguments = {"log-levels"}, .environment = {stream}});
         EXPECT_EQ(child.wait(), 0);
-        const std::vector<std::string> lines = linesOf(readAll(child.output()));
+        const std::vector<std::string> lines = linesOf(child.output().rest());
         EXPECT_EQ(lines.size(), 5u);
         EXPECT_THAT(lines, Each(MatchesRegex("[0-9]{4}-.*Z \\[[0-4]\\] Tests/Main HostChild: of level [0-4]")));
     }
@@ -279,7 +284,7 @@ TEST(LogSink, WritesTimesWhereTheJournalIsSomethingElse) {
 TEST(LogSink, NamesProcessAndThreads) {
     Child child({.arguments = {"log-texts"}});
     EXPECT_EQ(child.wait(), 0);
-    EXPECT_THAT(withoutTimes(linesOf(readAll(child.output()))),
+    EXPECT_THAT(withoutTimes(linesOf(child.output().rest())),
                 ElementsAre(MatchesRegex("\\[4\\] unit-host-child/[0-9]+ HostChild: before the names"),
                             "[4] Tests/Main HostChild: 110bh (4363) and text", "[4] Tests/Worker HostChild: named",
                             MatchesRegex("\\[4\\] Tests/[0-9]+ HostChild: unnamed")));
@@ -288,20 +293,20 @@ TEST(LogSink, NamesProcessAndThreads) {
 TEST(LogSink, EndsTheRecordsThatNobodyEnds) {
     Child child({.arguments = {"log-parts"}});
     EXPECT_EQ(child.wait(), 0);
-    EXPECT_THAT(withoutTimes(linesOf(readAll(child.output()))),
+    EXPECT_THAT(withoutTimes(linesOf(child.output().rest())),
                 ElementsAre(MatchesRegex("\\[4\\] Tests/[0-9]+ HostChild: left by a thread"),
                             "[4] Tests/Main HostChild: left by main"));
 }
 
 TEST(StdIO, WritesAllToAReaderThatIsSlow) {
     Child child({.arguments = {"write-text", "300000"}});
-    EXPECT_EQ(readAll(child.output()), std::string(300000, 'y'));
+    EXPECT_EQ(child.output().rest(), std::string(300000, 'y'));
     EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(StdIO, GivesUpOnAReaderThatIsStuckOrGone) {
     Child stuck({.arguments = {"write-text", "300000"}});
-    EXPECT_EQ(readLine(stuck.error()), "written");
+    EXPECT_EQ(stuck.error().line(), "written");
     EXPECT_EQ(stuck.wait(), 0);
 
     Pipe pipe;

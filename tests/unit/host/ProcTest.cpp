@@ -11,8 +11,6 @@
 namespace {
 
 using HostTest::Child;
-using HostTest::readAll;
-using HostTest::readLine;
 
 TEST(Proc, KeepsTheExitCodeThatWasSet) {
     Proc::setExitCode(-7);
@@ -24,7 +22,7 @@ TEST(Proc, KeepsTheExitCodeThatWasSet) {
 TEST(Proc, ExitRunsNoHandlers) {
     Child child({.arguments = {"exit-at-once"}});
     EXPECT_EQ(child.wait(), 3);
-    EXPECT_EQ(readAll(child.error()), "");
+    EXPECT_EQ(child.error().rest(), "");
 }
 
 TEST(Proc, OpensClosedStandardDescriptorsOnTheNullDevice) {
@@ -42,55 +40,55 @@ INSTANTIATE_TEST_SUITE_P(Signals, Termination, testing::Values(SIGTERM, SIGINT))
 
 TEST_P(Termination, EndsTheWaitsOfAStartThatNobodyCanStop) {
     Child child({.arguments = {"interrupted-while-starting"}});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(GetParam());
     EXPECT_EQ(child.wait(), 0) << "asked to end while it started: the code is 0 although main returned 1";
-    EXPECT_EQ(readAll(child.error()), "waited 0\nrequested 1\npending 1\ninterrupted 1\ndeliveries 0\n");
+    EXPECT_EQ(child.error().rest(), "waited 0\nrequested 1\npending 1\ninterrupted 1\ndeliveries 0\n");
 }
 
 TEST_P(Termination, IsDeliveredToWhoeverRegistered) {
     Child child({.arguments = {"delivered"}});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(GetParam());
-    ASSERT_EQ(readLine(child.error()), "waited 1");
+    ASSERT_EQ(child.error().line(), "waited 1");
     child.signal(SIGTERM);
     child.signal(SIGINT);
     child.goOn();
     EXPECT_EQ(child.wait(), 5);
-    EXPECT_EQ(readAll(child.error()), "requested 1\npending 0\ninterrupted 0\ndeliveries 1\n");
+    EXPECT_EQ(child.error().rest(), "requested 1\npending 0\ninterrupted 0\ndeliveries 1\n");
 }
 
 TEST_P(Termination, StaysPendingUntilItCanBeDelivered) {
     Child child({.arguments = {"delivered-later"}});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(GetParam());
     EXPECT_EQ(child.wait(), 6);
-    EXPECT_EQ(readAll(child.error()),
+    EXPECT_EQ(child.error().rest(),
               "slept 0\nrequested 1\npending 1\ninterrupted 1\ndeliveries 1\n"
               "requested 1\npending 0\ninterrupted 0\ndeliveries 2\nwaited 1\n");
 }
 
 TEST_P(Termination, ThatCameBeforeIsDeliveredAtOnceOnTheHostsThread) {
     Child child({.arguments = {"registered-later"}});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(GetParam());
     EXPECT_EQ(child.wait(), 7);
-    EXPECT_EQ(readAll(child.error()), "on the main thread 0\nwaited 1\n");
+    EXPECT_EQ(child.error().rest(), "on the main thread 0\nwaited 1\n");
 }
 
 TEST_P(Termination, IsTriedOnceMoreWhenSomebodyAsksDuringADelivery) {
     Child child({.arguments = {"retried-by-another"}});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(GetParam());
     EXPECT_EQ(child.wait(), 8);
-    EXPECT_EQ(readAll(child.error()), "requested 1\npending 0\ninterrupted 0\ndeliveries 2\n");
+    EXPECT_EQ(child.error().rest(), "requested 1\npending 0\ninterrupted 0\ndeliveries 2\n");
 }
 
 TEST(Proc, TakesAnInterruptThatTheParentHadIgnored) {
     Child child({.arguments = {"delivered"}, .ignoreInterrupt = true});
-    ASSERT_EQ(readLine(child.error()), "ready");
+    ASSERT_EQ(child.error().line(), "ready");
     child.signal(SIGINT);
-    EXPECT_EQ(readLine(child.error()), "waited 1");
+    EXPECT_EQ(child.error().line(), "waited 1");
     child.goOn();
     EXPECT_EQ(child.wait(), 5);
 }
