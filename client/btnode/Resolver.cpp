@@ -156,7 +156,7 @@ bool equalIgnoringCase(std::string_view one, std::string_view other) {
 std::string nearest(std::string_view text, const std::vector<std::string>& choices) {
     std::string best;
     // A third of the letters may be wrong; more and the guess would be none.
-    std::size_t least = std::max<std::size_t>(text.size() / 3, 1) + 1;
+    std::size_t least = std::max<std::size_t>((text.size() + 1) / 3, 1) + 1;
     for (const std::string& choice : choices) {
         // Edit distance with neighbours swapped as one mistake, over three rows.
         std::vector<std::size_t> before;

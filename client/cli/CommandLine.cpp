@@ -12,7 +12,10 @@ namespace btnode::cli {
 namespace {
 
 constexpr double kMaxSeconds = 2'147'483;
-constexpr int kManyWords = 10'000;
+// What CLI11 gives a flag that stands without a value.
+constexpr std::string_view kBareFlag = "true";
+// CLI11 takes a word like [1,2] apart at its commas; one with this in front passes whole.
+constexpr char kGuard = '\x01';
 
 /// What CLI11 fills; checked and converted afterwards.
 struct Raw {
@@ -28,8 +31,7 @@ void addCommon(CLI::App& app, Raw& raw) {
         ->type_name("DIR")
         ->allow_extra_args(false)
         ->group("Common options");
-    app.add_flag("--json{short}", raw.json,
-                 "Print JSON: one object, or one a line where it streams; =pretty indents it")
+    app.add_flag("--json", raw.json, "Print JSON: one object, or one a line where it streams; =pretty indents it")
         ->group("Common options");
     app.add_option("--timeout", raw.timeout, "Give up after that many seconds")
         ->type_name("SECONDS")
@@ -40,23 +42,19 @@ void addVerb(CLI::App& app, const std::string& verb, Raw& raw, Invocation& invoc
     const auto node = [&](const char* name, const char* what) {
         return app.add_option(name, invocation.node, what)->type_name("")->allow_extra_args(false);
     };
-    const auto words = [&](const char* name, const char* what, int least) {
-        // Without allow_extra_args(false) CLI11 takes a word like [1,2] apart.
-        app.add_option(name, invocation.words, what)
-            ->type_name("")
-            ->expected(least, kManyWords)
-            ->allow_extra_args(false);
+    const auto words = [&](const char* name, const char* what) {
+        return app.add_option(name, invocation.words, what)->type_name("");
     };
     if (verb == "list") {
-        words("KIND", "control, adapters or devices", 0);
+        words("KIND", "control, adapters or devices");
     } else if (verb == "show") {
         node("NODE", "The node")->required();
     } else if (verb == "get") {
         node("NODE", "The node")->required();
-        words("ATTRIBUTE", "Names of attributes", 1);
+        words("ATTRIBUTE", "Names of attributes")->required();
     } else if (verb == "do") {
         node("NODE", "The node")->required();
-        words("ACTION", "Actions and their parameters, a + between two actions", 1);
+        words("ACTION", "Actions and their parameters, a + between two actions")->required();
     } else if (verb == "watch") {
         node("NODE", "The node")->required();
         app.add_option("--for", raw.span, "End after that many seconds")->type_name("SECONDS");
@@ -73,7 +71,7 @@ void addVerb(CLI::App& app, const std::string& verb, Raw& raw, Invocation& invoc
             ->allow_extra_args(false)
             ->required();
     } else if (verb == "help") {
-        words("VERB", "The verb", 0);
+        words("VERB", "The verb");
     }
     addCommon(app, raw);
 }
@@ -83,13 +81,16 @@ std::unique_ptr<CLI::App> makeVerb(const VerbHelp& help, Raw& raw, Invocation& i
     auto app = std::make_unique<CLI::App>(std::string(help.summary), "btnode " + std::string(help.verb));
     app->set_help_flag("-h,--help", "Print this help and exit");
     app->get_formatter()->column_width(28);
+    app->get_formatter()->label("REQUIRED", "");
+    app->get_formatter()->label("Positionals", "Arguments");
     app->get_option("--help")->group("Common options");
     addVerb(*app, std::string(help.verb), raw, invocation);
     std::string footer(help.more);
     if (help.more.find("NODE") != std::string_view::npos || app->get_option_no_throw("NODE") != nullptr) {
         footer = std::string(kNodeNames) + "\n" + footer;
     }
-    app->footer(footer + "\nExit codes: see 'btnode --help'.");
+    while (footer.ends_with('\n')) footer.pop_back();
+    app->footer(footer + "\n\nExit codes: see 'btnode --help'.");
     return app;
 }
 
@@ -157,7 +158,7 @@ std::optional<Answer> convert(const Raw& raw, Invocation& invocation) {
     if (!raw.root.empty()) invocation.root = raw.root;
     if (raw.json == "pretty") {
         invocation.json = Invocation::Json::Pretty;
-    } else if (raw.json == "short") {
+    } else if (raw.json == "short" || raw.json == kBareFlag) {
         invocation.json = Invocation::Json::Short;
     } else if (!raw.json.empty()) {
         return usage("--json knows short and pretty, not '" + raw.json + "'", verb);
@@ -191,6 +192,12 @@ std::optional<Answer> convert(const Raw& raw, Invocation& invocation) {
     return std::nullopt;
 }
 
+std::vector<std::string*> textsOf(Invocation& invocation) {
+    std::vector<std::string*> texts = {&invocation.node, &invocation.profile};
+    for (std::string& each : invocation.words) texts.push_back(&each);
+    return texts;
+}
+
 std::variant<Invocation, Answer> parse(const std::vector<std::string>& arguments) {
     const std::size_t place = verbPlace(arguments);
     if (place == arguments.size()) {
@@ -210,6 +217,9 @@ std::variant<Invocation, Answer> parse(const std::vector<std::string>& arguments
     const std::unique_ptr<CLI::App> app = makeVerb(*help, raw, invocation);
     std::vector<std::string> rest = arguments;
     rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(place));
+    for (std::string& each : rest) {
+        if (each.starts_with('[')) each.insert(each.begin(), kGuard);
+    }
     std::reverse(rest.begin(), rest.end());
     try {
         app->parse(rest);
@@ -217,6 +227,9 @@ std::variant<Invocation, Answer> parse(const std::vector<std::string>& arguments
         return Answer{ExitCode::Ok, app->help(), {}};
     } catch (const CLI::ParseError& error) {
         return usage(error.what(), help->verb);
+    }
+    for (std::string* each : textsOf(invocation)) {
+        if (each->starts_with(kGuard)) each->erase(0, 1);
     }
     if (invocation.verb == "help") {
         if (invocation.words.empty()) return Answer{ExitCode::Ok, mainHelp(), {}};

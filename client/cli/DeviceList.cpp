@@ -44,10 +44,11 @@ std::vector<std::size_t> DeviceList::look(const Limit& limit) {
         DeviceWords words = DeviceWords::of(*answers[at]);
         const auto [place, isNew] = places_.try_emplace(toRead[at].full, devices_.size());
         if (isNew) {
-            devices_.push_back({toRead[at], std::move(words), looked_ ? Event::Found : Event::Known});
+            devices_.push_back({toRead[at], std::move(words), looked_ ? Event::Found : Event::Known, looked_});
             touched.push_back(place->second);
         } else if (Device& device = devices_[place->second]; device.event == Event::Gone || device.words != words) {
             device.event = device.event == Event::Gone ? Event::Found : Event::Changed;
+            device.isNew = device.isNew || device.event == Event::Found;
             device.words = std::move(words);
             touched.push_back(place->second);
         }

@@ -20,6 +20,8 @@ public:
         DeviceWords words;
         /// The last that happened to it.
         Event event;
+        /// Whether it appeared after the first look.
+        bool isNew;
     };
 
     explicit DeviceList(Tree tree) : tree_(std::move(tree)) {}

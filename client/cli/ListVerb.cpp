@@ -56,12 +56,13 @@ void addControl(Session& session, const NodeName& node, const Limit& limit, List
     listing.note(described.error());
 }
 
-/// Reads the nodes of a kind; those that vanished meanwhile are left out.
+/// Reads the nodes of a kind; those that vanish meanwhile are left out.
 template <typename Add>
 void addAll(Session& session, const std::vector<NodeName>& nodes, const std::vector<std::string>& attributes,
             const Limit& limit, Listing& listing, const Add& add) {
     const auto results = session.tree.readAll(nodes, attributes, limit);
     for (std::size_t at = 0; at < nodes.size(); ++at) {
+        if (results[at] && results[at]->front().empty()) continue;
         if (!results[at]) {
             if (!session.tree.has(nodes[at].full)) continue;
             listing.note(results[at].error());

@@ -144,9 +144,12 @@ private:
         std::vector<std::string> lines = table.lines();
         for (std::size_t at = 0; at < lines.size(); ++at) {
             lines[at] = clipped(lines[at], columns - 1);
-            const DeviceList::Event event = list_.devices()[at].event;
-            if (event == DeviceList::Event::Gone) lines[at] = session_.out.dim(lines[at]);
-            if (event == DeviceList::Event::Found) lines[at] = session_.out.bold(lines[at]);
+            const DeviceList::Device& device = list_.devices()[at];
+            if (device.event == DeviceList::Event::Gone) {
+                lines[at] = session_.out.dim(lines[at]);
+            } else if (device.isNew) {
+                lines[at] = session_.out.bold(lines[at]);
+            }
         }
         // The newest stay in sight: the title, a line for those left out, and the cursor's line are kept free.
         const std::size_t room = rows > 4 ? rows - 3 : 1;
