@@ -8,10 +8,10 @@
 /// Six conveniences on top of the bus. Failures are results, never exceptions, and nothing is logged. Any thread.
 namespace Libraries::Platform::Posix::DBus::Util {
 
-/// Reads one property of basic type (Properties.Get) out of its variant into `value`. A string in `value` is valid until
-/// the calling thread's next getPropertyBasic; copy it at once. `timeout` in milliseconds; 4294967295 is the library's
-/// default. False, and `value` untouched, when it cannot be read or is of a container type.
-/// `type`, when given, receives the D-Bus type code of the value.
+/// Reads one property of basic type (Properties.Get) out of its variant into `value`. A string in `value` is valid
+/// until the calling thread's next getPropertyBasic; copy it at once. `timeout` in milliseconds; 4294967295 is the
+/// library's default. False, and `value` untouched, when it cannot be read or is of a container type. `type`, when
+/// given, receives the D-Bus type code of the value.
 bool getPropertyBasic(const Ref<String>& service, const Ref<String>& path, DBusConnection* connection,
                       std::uint64_t timeout, const Ref<String>& interface, const Ref<String>& property,
                       DBusBasicValue* value, int* type = nullptr);
@@ -33,8 +33,9 @@ bool iterArray(DBusMessageIter* iter, const std::function<bool(DBusMessageIter*)
 bool iterDict(DBusMessageIter* iter, const std::function<bool(DBusMessageIter*)>& entry);
 
 /// Sends a call and has `completion` run once on the dispatch thread when the reply is there or `timeout` milliseconds
-/// have passed (4294967295: no limit). Takes over the message in every case. False when it was not sent; then neither
-/// function is called. `freeUserData` runs once after the completion, or alone when the connection ends before.
+/// have passed (4294967295 and above: no limit); then dbus_pending_call_steal_reply gives null. Takes over the message
+/// in every case. False when it was not sent; then neither function is called. `freeUserData` runs once after the
+/// completion, or alone when the connection ends before, on the dispatch thread or inside dbus_connection_close.
 bool callMethodAsync(DBusConnection* connection, std::uint64_t timeout, DBusMessage* message,
                      DBusPendingCallNotifyFunction completion, void* userData, DBusFreeFunction freeUserData = nullptr);
 

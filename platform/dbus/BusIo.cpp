@@ -1,0 +1,289 @@
+#include "platform/dbus/BusIo.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <system_error>
+
+#include "platform/dbus/Errors.h"
+
+namespace Libraries::Platform::Posix::DBus {
+
+namespace {
+
+/// How long close() tries to write what is queued to a bus that does not read.
+constexpr std::chrono::milliseconds kFlushLimit{100};
+
+/// For poll(): rounded up, so that a deadline has passed when it returns.
+int millisecondsUntil(BusIo::Clock::time_point until) {
+    if (until == BusIo::Clock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - BusIo::Clock::now()).count();
+    return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+}
+
+/// Keeps signals away from threads that are started meanwhile: the process's handlers are for its own threads.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_;
+};
+
+}  // namespace
+
+BusIo::BusIo() : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    ::dbus_error_init(&openError_);
+}
+
+BusIo::~BusIo() {
+    if (wakeFd_ >= 0) ::close(wakeFd_);
+    ::dbus_error_free(&openError_);
+}
+
+std::shared_ptr<BusIo> BusIo::open(DBusBusType type, DBusError* error) {
+    const std::shared_ptr<BusIo> io(new BusIo);
+    if (io->wakeFd_ < 0 || !io->start(type)) {
+        ::dbus_set_error_const(error, DBUS_ERROR_LIMITS_EXCEEDED, "No descriptor or thread left for the connection");
+        return nullptr;
+    }
+    {
+        const Interrupt::Waiting waiting(io->lock_.native(), io->opened_);
+        MutexLock lock(io->lock_);
+        while (io->state_ == State::Opening && !Interrupt::raised(Interrupt::Level::End))
+            io->opened_.wait(lock.native());
+        if (io->state_ == State::Open) return io;
+        if (io->state_ == State::Opening) {
+            // libdbus cannot be told to stop connecting. The thread keeps the object until that ends.
+            io->state_ = State::Abandoned;
+            io->thread_.detach();
+            Errors::set(error, Errors::kInterrupted);
+            return nullptr;
+        }
+        if (error) ::dbus_move_error(&io->openError_, error);
+    }
+    io->thread_.join();
+    return nullptr;
+}
+
+bool BusIo::start(DBusBusType type) {
+    const SignalsBlocked blocked;
+    try {
+        thread_ = std::thread([self = shared_from_this(), type] { self->run(type); });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    ::pthread_setname_np(thread_.native_handle(), "bus-io");
+    return true;
+}
+
+void BusIo::run(DBusBusType type) {
+    if (!connect(type)) return;
+    serve();
+    finish();
+}
+
+bool BusIo::connect(DBusBusType type) {
+    DBusError error = DBUS_ERROR_INIT;
+    ::DBusConnection* const bus = ::dbus_bus_get_private(type, &error);
+    if (bus) {
+        ::dbus_connection_set_exit_on_disconnect(bus, FALSE);
+        // At the limit libdbus would stop reading until messages are freed, so that a dispatch thread that waits for
+        // something would keep the replies from coming in. What is queued is bounded by what the bus's policy lets in.
+        ::dbus_connection_set_max_received_size(bus, LONG_MAX);
+        ::dbus_connection_set_max_received_unix_fds(bus, LONG_MAX);
+    }
+    bool abandoned = false;
+    {
+        const MutexLock lock(lock_);
+        abandoned = state_ == State::Abandoned;
+        if (!bus) {
+            openError_ = error;
+            state_ = State::Failed;
+        } else if (!abandoned) {
+            bus_ = bus;
+            state_ = State::Open;
+            connected_.store(true);
+        }
+    }
+    opened_.notify_all();
+    if (bus && abandoned) {
+        ::dbus_connection_close(bus);
+        ::dbus_connection_unref(bus);
+    }
+    return bus && !abandoned;
+}
+
+void BusIo::serve() {
+    bool readable = true;  // the answer to Hello brought the first messages along
+    for (Poll next{}; turn(readable, next);) {
+        deliver();
+        pollfd fds[2] = {{next.fd, next.events, 0}, {wakeFd_, POLLIN, 0}};
+        ::poll(fds, 2, next.timeoutMs);
+        readable = fds[0].revents != 0;
+        if (fds[1].revents != 0) {
+            eventfd_t count = 0;
+            ::eventfd_read(wakeFd_, &count);
+        }
+    }
+    deliver();
+}
+
+bool BusIo::turn(bool readable, Poll& poll) {
+    const MutexLock lock(lock_);
+    polling_ = false;
+    if (readable) ::dbus_connection_read_write(bus_, 0);
+    while (DBusMessage* message = ::dbus_connection_pop_message(bus_)) sort(MessagePtr(message));
+    expire();
+    // Asked before each poll(): whoever sends may have found the connection broken, and libdbus closed its descriptor.
+    if (state_ != State::Open || !::dbus_connection_get_unix_fd(bus_, &poll.fd)) return false;
+    poll.events = POLLIN;
+    if (::dbus_connection_has_messages_to_send(bus_)) poll.events |= POLLOUT;
+    pollsUntil_ = deadlines_.empty() ? Clock::time_point::max() : deadlines_.begin()->first;
+    poll.timeoutMs = millisecondsUntil(pollsUntil_);
+    polling_ = true;
+    return true;
+}
+
+void BusIo::sort(MessagePtr message) {
+    const int type = ::dbus_message_get_type(message.get());
+    if (type != DBUS_MESSAGE_TYPE_METHOD_RETURN && type != DBUS_MESSAGE_TYPE_ERROR) {
+        deliveries_.queued.push_back({std::move(message), nullptr});
+        return;
+    }
+    const auto entry = calls_.find(::dbus_message_get_reply_serial(message.get()));
+    if (entry == calls_.end()) return;  // nobody waits for it any more
+    Outstanding outstanding = std::move(entry->second);
+    if (outstanding.replyTo == ReplyTo::WaitingThread) {
+        deliveries_.completed.emplace_back(std::move(outstanding.call), std::move(message));
+    } else {
+        deadlines_.erase({outstanding.call->deadline(), entry->first});
+        outstanding.call->setReply(std::move(message));
+        deliveries_.queued.push_back({nullptr, std::move(outstanding.call)});
+    }
+    calls_.erase(entry);
+}
+
+void BusIo::expire() {
+    if (deadlines_.empty()) return;
+    const auto now = Clock::now();
+    while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
+        const auto entry = calls_.find(deadlines_.begin()->second);
+        deliveries_.queued.push_back({nullptr, std::move(entry->second.call)});
+        calls_.erase(entry);
+        deadlines_.erase(deadlines_.begin());
+    }
+}
+
+void BusIo::deliver() {
+    for (auto& [call, reply] : deliveries_.completed) call->complete(std::move(reply));
+    deliveries_.completed.clear();
+    if (!deliveries_.queued.empty()) queue_.push(deliveries_.queued);
+}
+
+void BusIo::finish() {
+    ::DBusConnection* bus = nullptr;
+    {
+        // From here on nothing is sent, so libdbus's connection is this thread's alone.
+        const MutexLock lock(lock_);
+        state_ = State::Ended;
+        connected_.store(false);
+        bus = std::exchange(bus_, nullptr);
+        for (auto& [serial, outstanding] : calls_) {
+            if (outstanding.replyTo == ReplyTo::WaitingThread) {
+                deliveries_.completed.emplace_back(std::move(outstanding.call), nullptr);
+            } else {
+                outstanding.call->drop();
+                deliveries_.queued.push_back({nullptr, std::move(outstanding.call)});
+            }
+        }
+        calls_.clear();
+        deadlines_.clear();
+    }
+    deliver();
+    queue_.end();
+
+    const auto until = Clock::now() + kFlushLimit;
+    int fd = -1;
+    while (::dbus_connection_has_messages_to_send(bus) && ::dbus_connection_get_unix_fd(bus, &fd)) {
+        pollfd out{fd, POLLOUT, 0};
+        if (::poll(&out, 1, millisecondsUntil(until)) <= 0) break;
+        ::dbus_connection_read_write(bus, 0);
+    }
+    ::dbus_connection_close(bus);
+    ::dbus_connection_unref(bus);
+}
+
+bool BusIo::write(DBusMessage* message, dbus_uint32_t* serial) {
+    if (state_ != State::Open || !::dbus_connection_send(bus_, message, serial)) return false;
+    // Usually libdbus has written it by now. A connection that broke over it is the I/O thread's to end.
+    if (::dbus_connection_has_messages_to_send(bus_) || !::dbus_connection_get_is_connected(bus_)) wake();
+    return true;
+}
+
+bool BusIo::send(DBusMessage* message, dbus_uint32_t* serial) {
+    const MutexLock lock(lock_);
+    return write(message, serial);
+}
+
+bool BusIo::sendCall(DBusMessage* message, const Ref<DBusPendingCall>& call, ReplyTo replyTo, dbus_uint32_t* serial) {
+    // libdbus sends a message that was sent before under the same serial; two calls would be taken for one.
+    MessagePtr copy;
+    if (::dbus_message_get_serial(message) != 0) {
+        copy.reset(message = ::dbus_message_copy(message));
+        if (!copy) return false;
+    }
+    const MutexLock lock(lock_);
+    if (!write(message, serial)) return false;
+    calls_.emplace(*serial, Outstanding{call, replyTo});
+    if (replyTo == ReplyTo::DispatchThread) watchDeadline(*call, *serial);
+    return true;
+}
+
+void BusIo::watchDeadline(const DBusPendingCall& call, dbus_uint32_t serial) {
+    if (call.deadline() == DBusPendingCall::kNoDeadline) return;
+    deadlines_.emplace(call.deadline(), serial);
+    if (call.deadline() < pollsUntil_) wake();
+}
+
+bool BusIo::giveUp(dbus_uint32_t serial, LateAnswer late) {
+    const MutexLock lock(lock_);
+    const auto entry = calls_.find(serial);
+    if (entry == calls_.end()) return false;
+    if (late) {
+        entry->second.call->answerLate(std::move(late));
+        entry->second.replyTo = ReplyTo::DispatchThread;
+        watchDeadline(*entry->second.call, serial);
+    } else {
+        calls_.erase(entry);
+    }
+    return true;
+}
+
+void BusIo::wake() {
+    if (!polling_) return;
+    polling_ = false;
+    ::eventfd_write(wakeFd_, 1);
+}
+
+void BusIo::close() {
+    {
+        const MutexLock lock(lock_);
+        if (state_ == State::Open) state_ = State::Closing;
+        wake();
+    }
+    thread_.join();
+}
+
+}  // namespace Libraries::Platform::Posix::DBus
