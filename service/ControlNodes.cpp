@@ -1,5 +1,4 @@
 #include "adapters/Adapters.h"
-#include "platform/host/SysLog.h"
 #include "service/Service.h"
 
 // The service's own nodes: bluetooth/service, through which a client ends it, and bluetooth/master, which starts and
@@ -88,8 +87,7 @@ TArray<NodeValue> Service::execute(TArray<NodeValue> values) {
 
 NodeValue Service::executeOnService(const NodeValue& action) {
     if (!action.isNamed(kStop)) return invalidAction(action);
-    requestStop();
-    LogRecord(1, logHandle_) << "Service terminate requested";
+    terminate();
     return NodeValue::makeInteger(action.name, kSuccess);
 }
 

@@ -98,11 +98,7 @@ bool Service::setUp() {
 
 void Service::run() {
     dispatchThread_.check();
-    {
-        const Interrupt::Bind bind(stopInterrupt_);
-        while (!stopRequested_.load() && DBus::dbus_connection_read_write_dispatch(connection_, kDispatchWaitMs)) {
-        }
-    }
+    dispatchUntilStopped();
     stopNodeServices();
     if (stopRequested_.load()) {
         LogRecord(1, logHandle_) << "Service terminated";
@@ -111,10 +107,25 @@ void Service::run() {
     }
 }
 
+void Service::dispatchUntilStopped() {
+    const Interrupt* const host = Interrupt::current();
+    const Interrupt::Bind bind(stopInterrupt_);
+    while (!stopRequested_.load() && DBus::dbus_connection_read_write_dispatch(connection_, kDispatchWaitMs)) {
+        // The host delivers a signal as a STOP; it raises its own interrupt where that cannot be, since something else
+        // stands in the tree where bluetooth/service should be.
+        if (host && host->level() >= Interrupt::Level::End) terminate();
+    }
+}
+
 void Service::stopNodeServices() {
     stopAndAwait(devices_->service());
     stopAndAwait(adapters_->service());
     stopAndAwait(nodeService_);
+}
+
+void Service::terminate() {
+    requestStop();
+    LogRecord(1, logHandle_) << "Service terminate requested";
 }
 
 void Service::requestStop() {

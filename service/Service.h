@@ -63,7 +63,10 @@ private:
     ~Service() override;
 
     bool setUp() REQUIRES(dispatchThread_);
+    void dispatchUntilStopped() REQUIRES(dispatchThread_);
     void stopNodeServices() REQUIRES(dispatchThread_);
+    /// What STOP does: requests the stop, then says so in the log. Any thread.
+    void terminate();
 
     // Discovery.cpp: the objects that BlueZ publishes. A walk's step returns whether the walk goes on.
     bool discoverExisting() REQUIRES(dispatchThread_);
