@@ -1,0 +1,52 @@
+#include "tests/unit/support/RunningService.h"
+
+#include "tests/unit/support/NodeRoot.h"
+
+namespace UnitTest {
+
+using Services::Bluetooth::Linux::Service;
+
+RunningService::RunningService() : ended_(end_.get_future()) {
+    nodeRoot();
+    std::promise<Start> started;
+    std::future<Start> start = started.get_future();
+    thread_ = std::thread([this, started = std::move(started)]() mutable { live(std::move(started)); });
+    start_ = start.get();
+}
+
+RunningService::~RunningService() {
+    stop();
+}
+
+void RunningService::live(std::promise<Start> started) {
+    {
+        const Ref<Service> service = Service::create();
+        if (!service) {
+            started.set_value(Start::NotCreated);
+        } else if (!service->initialize()) {
+            started.set_value(Start::NotInitialised);
+        } else {
+            service_ = service.get();
+            started.set_value(Start::Running);
+            service->run();
+            const std::lock_guard guard(lock_);
+            service_ = nullptr;
+        }
+    }
+    end_.set_value();
+}
+
+void RunningService::stop() {
+    if (!thread_.joinable()) return;
+    {
+        const std::lock_guard guard(lock_);
+        if (service_) service_->requestStop();
+    }
+    thread_.join();
+}
+
+bool RunningService::waitForEnd(std::chrono::milliseconds limit) const {
+    return ended_.wait_for(limit) == std::future_status::ready;
+}
+
+}  // namespace UnitTest
