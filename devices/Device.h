@@ -111,6 +111,7 @@ private:
     static void onPairCallFreed(void* call);
     void pairAnswered(PairingAttempt& attempt, DBusMessage* reply);
     void endAttempt(PairingAttempt& attempt, PairingState next, PairingAttempt::Result result);
+    void finishAttempt(PairingAttempt& attempt, bool stateChanged, PairingAttempt::Result result);
     bool cancelPairing(const ServiceHold& service, const PairingAttempt& attempt) EXCLUDES(*waitersLock_);
     void cancelUntilSent(const PairingAttempt& attempt) EXCLUDES(*waitersLock_);
     std::uint32_t removeDevice();

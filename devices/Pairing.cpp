@@ -183,9 +183,14 @@ void Device::pairAnswered(PairingAttempt& attempt, DBusMessage* reply) {
 }
 
 void Device::endAttempt(PairingAttempt& attempt, PairingState next, PairingAttempt::Result result) {
-    const bool made = setPairingState(next);
+    const bool changed = setPairingState(next);
+    finishAttempt(attempt, changed, result);
+}
+
+void Device::finishAttempt(PairingAttempt& attempt, bool stateChanged, PairingAttempt::Result result) {
+    // The next pairing may be under way by now.
     attempt.setAnswered();
-    if (!made) {
+    if (!stateChanged) {
         // Paired although it was to be cancelled, or the service is gone: the state stays, but nobody may be left
         // waiting for an answer that was taken.
         const ServiceHold service = holdService();

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <mutex>
 #include <utility>
 
+#include "platform/host/Mutex.h"
 #include "platform/host/Ref.h"
 
 namespace Services::Bluetooth::Linux {
@@ -17,26 +17,26 @@ public:
     SharedRef& operator=(const SharedRef&) = delete;
 
     Ref<T> load() const {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const MutexLock guard(mutex_);
         return value_;
     }
 
     void store(Ref<T> value) {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const MutexLock guard(mutex_);
         value_.swap(value);  // the old one goes with the argument, after the mutex is free
     }
 
     /// Replaces the value unless it is no longer the expected one; true when it did.
     bool replace(const Ref<T>& expected, Ref<T> value) {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const MutexLock guard(mutex_);
         if (value_ != expected) return false;
         value_.swap(value);
         return true;
     }
 
 private:
-    mutable std::mutex mutex_;
-    Ref<T> value_;
+    mutable Mutex mutex_;
+    Ref<T> value_ GUARDED_BY(mutex_);
 };
 
 }  // namespace Services::Bluetooth::Linux
