@@ -23,6 +23,7 @@ bool Connection::open() {
 void Connection::onEvents(std::uint32_t events, Worker& worker) {
     bool closed = false;
     bool watchEnded = false;
+    bool lastUseEnded = false;
     {
         const Lock lock(lock_);
         if (!isOpen()) return;
@@ -32,8 +33,10 @@ void Connection::onEvents(std::uint32_t events, Worker& worker) {
         if (events & EPOLLOUT) flush();
         pump(worker);
         watchEnded = std::exchange(watchEnded_, false);
+        lastUseEnded = std::exchange(lastUseEnded_, false);
         closed = settle();
     }
+    if (lastUseEnded) node_->service().afterLastUse();
     if (watchEnded) node_->endWatch(*this);
     if (closed) node_->removeConnection(*this);
 }
@@ -52,9 +55,10 @@ void Connection::pump(Worker& worker) {
         if (message) {
             serve(*message, worker);
         } else if (!reads) {
-            return;
+            break;
         }
     }
+    if (readable_ && pendingCalls() >= Limits::kPendingCalls) logOnce(LoggedPending, "too many calls are pending");
 }
 
 bool Connection::mayServe() const {
@@ -72,38 +76,29 @@ void Connection::serve(std::string_view message, Worker& worker) {
     if (hungUp_) serving.token.raise(Interrupt::Level::HangUp);
     serving_ = &serving;
     lock_.unlock();
-    {
-        const NodeService::Use use(node_->service());
-        std::optional<std::string_view> reply;
-        bool malformed = false;
-        bool busy = false;
-        if (use.granted()) {
-            const std::optional<Call> call = parseCall(worker.envelope, message);
-            malformed = !call;
-            if (call && begin(serving, call->oneway)) {
-                const Interrupt::Bind bind(serving.token);
-                const Outcome outcome = serveCall(*node_, use, *call, worker);
-                busy = outcome == Outcome::Busy;
-                const bool watches =
-                    outcome == Outcome::Watch && !call->oneway && node_->startWatch(*this, worker.reply.message());
-                if (outcome == Outcome::Watch && !watches) withdrawnError(worker.reply);
-                if (!call->oneway && !watches) reply = worker.reply.message();
-            }
+
+    NodeService::Use use(node_->service());
+    const std::optional<Call> call = parseCall(worker.envelope, message);
+    Outcome outcome = Outcome::Dropped;
+    if (call && use.granted() && begin(serving, call->oneway)) {
+        const Interrupt::Bind bind(serving.token);
+        outcome = serveCall(*node_, use, *call, worker);
+        if (outcome == Outcome::Watch && !node_->startWatch(*this, worker.reply.message())) {
+            withdrawnError(worker.reply);
+            outcome = Outcome::Answered;
         }
-        lock_.lock();
-        serving_ = nullptr;
-        if (malformed) {
-            dropWaiting();
-            input_ = Input::Broken;
-        }
-        if (busy && !(logged_ & LoggedBusy)) {
-            logged_ |= LoggedBusy;
-            logLimit("too many requests in progress");
-        }
-        if (reply) send(*reply);
-        lock_.unlock();
     }
+
     lock_.lock();
+    serving_ = nullptr;
+    if (!call) {
+        dropWaiting();
+        input_ = Input::Broken;
+    } else {
+        logLimits(outcome);
+        if (!call->oneway && outcome != Outcome::Watch && outcome != Outcome::Dropped) send(worker.reply.message());
+    }
+    if (use.end()) lastUseEnded_ = true;
 }
 
 bool Connection::begin(Serving& serving, bool oneway) {
@@ -230,6 +225,17 @@ void Connection::abandon() {
         close();
     }
     node_->removeConnection(*this);
+}
+
+void Connection::logLimits(Outcome outcome) {
+    if (outcome == Outcome::Busy) logOnce(LoggedBusy, "too many requests are in progress");
+    if (outcome == Outcome::TooDeep) logOnce(LoggedDepth, "values are nested too deep");
+}
+
+void Connection::logOnce(Logged limit, std::string_view what) {
+    if (logged_ & limit) return;
+    logged_ |= limit;
+    logLimit(what);
 }
 
 void Connection::logLimit(std::string_view what) const {

@@ -12,6 +12,7 @@
 namespace Services::Nodes {
 
 class Node;
+enum class Outcome : std::uint8_t;
 
 /// One client's connection to a node.
 ///
@@ -61,19 +62,20 @@ private:
         bool oneway = false;  // guarded by lock_
     };
     /// Limits whose log record was written.
-    enum Logged : unsigned { LoggedBusy = 1 };
+    enum Logged : unsigned { LoggedBusy = 1, LoggedDepth = 2, LoggedPending = 4 };
 
     ~Connection() override;
 
     // Connection.cpp
     void pump(Worker& worker) REQUIRES(lock_);
     void serve(std::string_view message, Worker& worker) REQUIRES(lock_);
-    bool answer(Serving& serving, std::string_view message, Worker& worker, std::string_view& reply) EXCLUDES(lock_);
-    bool begin(Serving& serving, bool oneway);
+    bool begin(Serving& serving, bool oneway) EXCLUDES(lock_);
     bool settle() REQUIRES(lock_);
     void close() REQUIRES(lock_);
     void hangUp() REQUIRES(lock_);
     void dropWaiting() REQUIRES(lock_);
+    void logLimits(Outcome outcome) REQUIRES(lock_);
+    void logOnce(Logged limit, std::string_view what) REQUIRES(lock_);
     void logLimit(std::string_view what) const;
 
     bool isOpen() const REQUIRES(lock_) { return static_cast<bool>(socket_); }
@@ -110,7 +112,8 @@ private:
     bool withdrawn_ GUARDED_BY(lock_) = false;
     bool stopped_ GUARDED_BY(lock_) = false;
     bool watching_ GUARDED_BY(lock_) = false;
-    bool watchEnded_ GUARDED_BY(lock_) = false;  // the node is still to be told
+    bool watchEnded_ GUARDED_BY(lock_) = false;    // the node is still to be told
+    bool lastUseEnded_ GUARDED_BY(lock_) = false;  // the service is still to be told
     bool outputWatched_ GUARDED_BY(lock_) = false;
     unsigned logged_ GUARDED_BY(lock_) = 0;
     Serving* serving_ GUARDED_BY(lock_) = nullptr;

@@ -84,6 +84,7 @@ std::size_t Connection::peek(Worker& worker) {
         }
         taken = end + 1;
     }
+    if (taken == bytes.size()) readable_ = cut || readToEnd_ || taken == worker.input.size();
     return taken;
 }
 

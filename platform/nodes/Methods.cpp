@@ -27,9 +27,9 @@ struct Service {
     }
 };
 
-Outcome invalid(const Service& of, std::string_view parameter) {
-    of.reply().error("org.varlink.service.InvalidParameter", "parameter", parameter);
-    return Outcome::Answered;
+Outcome invalid(const Service& of, const WrongParameter& parameter) {
+    of.reply().error("org.varlink.service.InvalidParameter", "parameter", parameter.name);
+    return parameter.tooDeep ? Outcome::TooDeep : Outcome::Answered;
 }
 
 Outcome busy(const Service& of) {

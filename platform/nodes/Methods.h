@@ -12,8 +12,10 @@ struct Worker;
 
 /// What became of a call.
 enum class Outcome : std::uint8_t {
+    Dropped,   ///< it was not begun
     Answered,  ///< the reply is in the worker
-    Busy,      ///< as Answered, with the error Busy
+    Busy,      ///< as Answered, with an error: a limit on what many clients share
+    TooDeep,   ///< as Answered, with an error: values are nested too deep
     Watch,     ///< a watch is to begin, with the reply in the worker as its first
 };
 

@@ -153,14 +153,16 @@ bool NodeService::beginUse() noexcept {
     // Counted first, looked at second: stop() does it the other way round, so one of the two sees the other.
     uses_.fetch_add(1);
     if (!stopped_) return true;
-    endUse();
+    if (endUse()) afterLastUse();
     return false;
 }
 
-void NodeService::endUse() {
-    if (uses_.fetch_sub(1) != 1) return;
+bool NodeService::endUse() noexcept {
+    return uses_.fetch_sub(1) == 1 && (stopped_ || waiters_ > 0);
+}
+
+void NodeService::afterLastUse() {
     if (stopped_) releaseServer();
-    if (waiters_ == 0) return;
     const Lock lock(lock_);
     unused_.notify_all();
 }

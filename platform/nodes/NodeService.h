@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/nodes/Engine.h"
 #include "platform/nodes/Service.h"
@@ -39,24 +40,29 @@ public:
     /// Drops a node that is withdrawn and has no connections any more.
     void forget(Node& node);
 
-    /// Uses the server for one request, from its begin until its answer is written.
+    /// Uses the server for one request, from its begin until its answer is written. Not granted when the service has
+    /// stopped: then the server must not be called.
     class Use {
     public:
         explicit Use(NodeService& service) noexcept : service_(service), granted_(service.beginUse()) {}
         ~Use() {
-            if (granted_) service_.endUse();
+            if (granted_ && service_.endUse()) service_.afterLastUse();
         }
         Use(const Use&) = delete;
         Use& operator=(const Use&) = delete;
-        /// False: the service has stopped, and the server must not be called.
         bool granted() const noexcept { return granted_; }
+        /// Ends the use before its destructor. True: afterLastUse() is to be called, by somebody who holds no lock.
+        bool end() noexcept { return std::exchange(granted_, false) && service_.endUse(); }
         Interfaces::Generic& server() const noexcept { return service_.service_->generic(); }
         CallerID& caller() const noexcept { return service_.conMan_->caller(); }
 
     private:
         NodeService& service_;
-        const bool granted_;
+        bool granted_;
     };
+    /// Releases the server when the service has stopped, and wakes who waits for the last use. Takes no time but for
+    /// the server's destructor.
+    void afterLastUse();
 
 private:
     NodeService(Ref<Interfaces::Service> service, Ref<ConMan> conMan, Ref<String> name, std::shared_ptr<Engine> engine,
@@ -64,7 +70,7 @@ private:
     ~NodeService() override;
 
     bool beginUse() noexcept;
-    void endUse();
+    bool endUse() noexcept;
     void releaseServer();
     void releaseEngine();
 

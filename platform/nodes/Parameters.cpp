@@ -30,8 +30,8 @@ InvalidParameter readParameters(JsonReader& reader, std::string_view parameters,
     return readFields(reader, take);
 }
 
-InvalidParameter wrong(std::string_view name) {
-    return std::string(name);
+InvalidParameter wrong(std::string_view name, bool tooDeep = false) {
+    return WrongParameter{std::string(name), tooDeep};
 }
 
 /// Reads one Value, or a list of them, which may be nested.
@@ -43,7 +43,8 @@ public:
     InvalidParameter readList(std::string_view name, Token token, unsigned depth, TArray<NodeValue>& values) {
         if (token != Token::BeginArray) return wrong(name);
         for (Token element = reader_.next(); element != Token::EndArray; element = reader_.next()) {
-            if (element != Token::BeginObject || depth > Limits::kValueDepth) return wrong(name);
+            if (element != Token::BeginObject) return wrong(name);
+            if (depth > Limits::kValueDepth) return wrong(name, true);
             if (InvalidParameter inner = readValue(depth, values.emplace_back())) return inner;
         }
         return {};

@@ -22,9 +22,15 @@ struct Call {
 /// Reads one message (without its NUL). Nothing when it is malformed: then the connection is to be closed.
 std::optional<Call> parseCall(JsonReader& reader, std::string_view message);
 
-/// The parameters of a call. Each function gives the name of the parameter that is unknown, missing or ill-typed, or
-/// nothing when all is well; inside values the name is the innermost field's. `parameters` was read by parseCall.
-using InvalidParameter = std::optional<std::string>;
+/// What is wrong with a parameter that is unknown, missing or ill-typed; inside values the name is the innermost
+/// field's.
+struct WrongParameter {
+    std::string name;
+    bool tooDeep = false;  ///< it holds values below kValueDepth
+};
+
+/// The parameters of a call: each function gives what is wrong, or nothing. `parameters` was read by parseCall.
+using InvalidParameter = std::optional<WrongParameter>;
 InvalidParameter readNoParameters(JsonReader& reader, std::string_view parameters);
 InvalidParameter readTextParameter(JsonReader& reader, std::string_view parameters, std::string_view name,
                                    Ref<String>& text);
