@@ -42,7 +42,7 @@ public:
 
     ExitCode pair() {
         if (!session_.json()) session_.say("Pairing with " + title_ + "; Ctrl-C cancels.");
-        Result<Value> answer = ask(withTimeout("CONNECT", time_), "Waiting for " + title_);
+        Result<Value> answer = ask(withTimeout("CONNECT", time_), "Waiting for the device");
         if (!answer) return failedToAsk(answer.error(), true);
         const Value* result = answer->child("RESULT");
         const Value* pincode = answer->child("PINCODE");
@@ -60,8 +60,7 @@ public:
 
     /// `begun`: whether this process began the pairing, and is to cancel it when it is interrupted.
     ExitCode waitForEnd(bool begun) {
-        Result<Value> answer =
-            ask(withTimeout("WAIT_CONNECTED", leftOf(until_)), "Waiting until " + title_ + " is paired");
+        Result<Value> answer = ask(withTimeout("WAIT_CONNECTED", leftOf(until_)), "Waiting until it is paired");
         if (!answer) return failedToAsk(answer.error(), begun);
         if (answer->kind == Value::Kind::Integer && answer->integer == 0) return paired();
         if (answer->kind == Value::Kind::Integer && answer->integer == kResultFailure) {
@@ -142,7 +141,7 @@ private:
     void progress(const std::string& what) {
         if (session_.json() || !session_.err.canRedraw()) return;
         const auto left = std::chrono::ceil<std::chrono::seconds>(leftOf(until_));
-        const std::string line = sanitised(fmt::format("{} ... {} s left", what, left.count()));
+        const std::string line = fmt::format("{}: {} s left", what, left.count());
         session_.err.raw("\r" + clipped(line, session_.err.size().columns - 1) + "\x1b[K");
         session_.err.flush();
         progressShown_ = true;
