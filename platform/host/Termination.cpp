@@ -12,12 +12,10 @@ namespace {
 /// How long the end of the process waits for the signal thread.
 constexpr auto kLeavePatience = std::chrono::milliseconds(200);
 
-sigset_t terminationSignals() noexcept {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    return set;
+/// Whether the parent wants the process to survive the end of its terminal.
+bool hangupIsIgnored() noexcept {
+    struct sigaction action {};
+    return sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
 }  // namespace
@@ -28,8 +26,11 @@ Termination& Termination::instance() {
 }
 
 void Termination::takeSignals() {
-    const sigset_t set = terminationSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGTERM);
+    sigaddset(&signals_, SIGINT);
+    if (!hangupIsIgnored()) sigaddset(&signals_, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     // A shell without job control ignores SIGINT in what it puts into the background, and the kernel drops an ignored
     // signal even where it is blocked.
     signal(SIGTERM, SIG_DFL);
@@ -37,7 +38,7 @@ void Termination::takeSignals() {
     try {
         signalThread_ = std::thread(&Termination::signalLoop, this);
     } catch (const std::system_error&) {
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // no thread to be had: better killed than deaf
+        pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);  // no thread to be had: better killed than deaf
         return;
     }
     MutexLock lock(mutex_);
@@ -64,10 +65,9 @@ void Termination::leaveSignals() {
 
 /// A signal from outside makes the request; the host's own, sent to this very thread, asks to try again or to end.
 void Termination::signalLoop() {
-    const sigset_t set = terminationSignals();
     for (;;) {
         siginfo_t info{};
-        if (sigwaitinfo(&set, &info) < 0) continue;  // EINTR: the process was stopped and went on
+        if (sigwaitinfo(&signals_, &info) < 0) continue;  // EINTR: the process was stopped and went on
         const bool own = info.si_code == SI_TKILL && info.si_pid == getpid();
         if (!own) request();
         tryDeliver();

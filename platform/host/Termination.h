@@ -1,6 +1,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -11,9 +12,9 @@
 #include "platform/host/Interrupt.h"
 #include "platform/host/Mutex.h"
 
-/// The request to end the process, which SIGTERM and SIGINT make. However many signals there are, it is one: made by
-/// the first, pending until it is delivered; once delivered, later signals ask for nothing more. A delivery is tried by
-/// one thread at a time, without a lock; who comes meanwhile has that thread try once more.
+/// The request to end the process, which SIGTERM, SIGINT and SIGHUP make. However many signals there are, it is one:
+/// made by the first, pending until it is delivered; once delivered, later signals ask for nothing more. A delivery is
+/// tried by one thread at a time, without a lock; who comes meanwhile has that thread try once more.
 class Termination {
 public:
     /// The one of the process, which lives to its end.
@@ -38,7 +39,8 @@ private:
 
     std::atomic<bool> requested_{false};
     Interrupt mainInterrupt_;
-    std::thread signalThread_;  // touched by takeSignals and leaveSignals only
+    std::thread signalThread_;  // this and the set: touched by takeSignals and leaveSignals only
+    sigset_t signals_{};
 
     Mutex mutex_;
     std::condition_variable loopEnded_;

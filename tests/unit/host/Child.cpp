@@ -38,22 +38,22 @@ Pipe::Pipe() {
     write = Descriptor(ends[1]);
 }
 
-bool Reader::readMore() {
+Reader::More Reader::readMore() {
     constexpr int kLimitMs = 20'000;
     pollfd ready{descriptor_, POLLIN, 0};
-    if (poll(&ready, 1, kLimitMs) <= 0) return false;
+    if (poll(&ready, 1, kLimitMs) <= 0) return More::Nothing;
     std::array<char, 65536> bytes;
     const ssize_t count = read(descriptor_, bytes.data(), bytes.size());
-    if (count <= 0) return false;  // a terminal ends with an error
+    if (count <= 0) return More::End;  // a terminal ends with an error
     buffer_.append(bytes.data(), static_cast<std::size_t>(count));
-    return true;
+    return More::Bytes;
 }
 
 std::optional<std::string> Reader::line() {
     std::size_t end = buffer_.find('\n');
     for (std::size_t searched = 0; end == std::string::npos; end = buffer_.find('\n', searched)) {
         searched = buffer_.size();
-        if (!readMore()) return std::nullopt;
+        if (readMore() != More::Bytes) return std::nullopt;
     }
     std::string line = buffer_.substr(0, end);
     buffer_.erase(0, end + 1);
@@ -61,8 +61,9 @@ std::optional<std::string> Reader::line() {
 }
 
 std::string Reader::rest() {
-    while (readMore()) {
-    }
+    More more = More::Bytes;
+    while (more == More::Bytes) more = readMore();
+    if (more == More::Nothing) buffer_ += "(and no end)";
     return std::exchange(buffer_, {});
 }
 
@@ -91,9 +92,9 @@ Child::Child(const Setup& setup) {
     for (char** text = environ; *text; ++text) environment.push_back(*text);
     environment.push_back(nullptr);
 
-    const auto before = setup.ignoreInterrupt ? ::signal(SIGINT, SIG_IGN) : SIG_DFL;
+    for (const int number : setup.ignoredSignals) ::signal(number, SIG_IGN);  // inherited
     const int error = posix_spawn(&process_, BTN_HOST_CHILD, &actions, nullptr, arguments.data(), environment.data());
-    if (setup.ignoreInterrupt) ::signal(SIGINT, before);
+    for (const int number : setup.ignoredSignals) ::signal(number, SIG_DFL);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot start " BTN_HOST_CHILD);
 

@@ -35,11 +35,12 @@ public:
     explicit Reader(int descriptor) : descriptor_(descriptor) {}
     /// The next line without its line break; nothing at the end, or when nothing more comes.
     std::optional<std::string> line();
-    /// All up to the end, or until nothing more comes.
+    /// All up to the end; with a remark behind it when the end does not come.
     std::string rest();
 
 private:
-    bool readMore();
+    enum class More { Bytes, End, Nothing };
+    More readMore();
 
     int descriptor_;
     std::string buffer_;
@@ -55,7 +56,7 @@ public:
         std::vector<std::string> environment = {};  ///< besides the test's own, "NAME=value"
         int output = kPipe;
         bool closeAll = false;  ///< all three standard descriptors are closed
-        bool ignoreInterrupt = false;
+        std::vector<int> ignoredSignals = {};
     };
 
     explicit Child(const Setup& setup);

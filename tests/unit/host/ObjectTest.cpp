@@ -151,6 +151,7 @@ TEST(WeakRef, OfNothingIsNull) {
 TEST(WeakRef, LocksFromOtherThreadsWhileTheLastReferenceGoes) {
     constexpr int kRounds = 500;
     constexpr int kLockers = 3;
+    constexpr int kAttempts = 20;
     std::atomic<int> destroyed = 0;
     std::atomic<int> wrong = 0;
     Ref<Counted> object;
@@ -162,9 +163,11 @@ TEST(WeakRef, LocksFromOtherThreadsWhileTheLastReferenceGoes) {
         threads.start([&] {
             for (int round = 0; round < kRounds; ++round) {
                 step.arrive_and_wait();
-                while (const Ref<Counted> locked = weak.lock()) {
-                    if (locked->touch() < 1) ++wrong;
+                for (int attempt = 0; attempt < kAttempts; ++attempt) {
+                    const Ref<Counted> locked = weak.lock();
+                    if (locked && locked->touch() < 1) ++wrong;
                 }
+                step.arrive_and_wait();
                 if (weak.lock()) ++wrong;  // gone is gone
                 step.arrive_and_wait();
             }
@@ -177,6 +180,7 @@ TEST(WeakRef, LocksFromOtherThreadsWhileTheLastReferenceGoes) {
         object.reset();
         step.arrive_and_wait();
         EXPECT_EQ(destroyed, round + 1);
+        step.arrive_and_wait();
     }
     threads.join();
     EXPECT_EQ(wrong, 0);

@@ -36,7 +36,7 @@ TEST(Proc, IgnoresBrokenPipes) {
 }
 
 class Termination : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Signals, Termination, testing::Values(SIGTERM, SIGINT));
+INSTANTIATE_TEST_SUITE_P(Signals, Termination, testing::Values(SIGTERM, SIGINT, SIGHUP));
 
 TEST_P(Termination, EndsTheWaitsOfAStartThatNobodyCanStop) {
     Child child({.arguments = {"interrupted-while-starting"}});
@@ -84,8 +84,17 @@ TEST_P(Termination, IsTriedOnceMoreWhenSomebodyAsksDuringADelivery) {
     EXPECT_EQ(child.error().rest(), "requested 1\npending 0\ninterrupted 0\ndeliveries 2\n");
 }
 
+TEST(Proc, LeavesAHangupIgnoredThatTheParentHadIgnored) {
+    Child normal({.arguments = {"blocked-signals"}});
+    EXPECT_EQ(normal.wait(), 0);
+    EXPECT_EQ(normal.error().rest(), "terminate 1\ninterrupt 1\nhangup 1\n");
+    Child ignoring({.arguments = {"blocked-signals"}, .ignoredSignals = {SIGHUP}});
+    EXPECT_EQ(ignoring.wait(), 0);
+    EXPECT_EQ(ignoring.error().rest(), "terminate 1\ninterrupt 1\nhangup 0\n");
+}
+
 TEST(Proc, TakesAnInterruptThatTheParentHadIgnored) {
-    Child child({.arguments = {"delivered"}, .ignoreInterrupt = true});
+    Child child({.arguments = {"delivered"}, .ignoredSignals = {SIGINT}});
     ASSERT_EQ(child.error().line(), "ready");
     child.signal(SIGINT);
     EXPECT_EQ(child.error().line(), "waited 1");

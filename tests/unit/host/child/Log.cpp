@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <chrono>
 #include <string>
@@ -70,6 +72,13 @@ std::int32_t logFlood() {
     LogRecord(4, handle) << "after the flood";
     say("logged");
     return 0;
+}
+
+/// The same in a process that can open nothing more.
+std::int32_t logFloodWithoutDescriptors() {
+    const rlimit limit{3, 3};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    return logFlood();
 }
 
 /// Goes on after its reader has gone.

@@ -24,6 +24,7 @@ std::int32_t exhaustAlloc();
 std::int32_t exhaustNew();
 
 // Termination.cpp
+std::int32_t blockedSignals();
 std::int32_t interruptedWhileStarting();
 std::int32_t delivered();
 std::int32_t deliveredLater();
@@ -35,6 +36,7 @@ std::int32_t logLevels();
 std::int32_t logTexts();
 std::int32_t logParts();
 std::int32_t logFlood();
+std::int32_t logFloodWithoutDescriptors();
 std::int32_t logLate();
 std::int32_t writeText();
 

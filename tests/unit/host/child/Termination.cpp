@@ -32,6 +32,15 @@ void sayState() {
 
 namespace HostChild {
 
+std::int32_t blockedSignals() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    say("terminate ", sigismember(&blocked, SIGTERM) == 1);
+    say("interrupt ", sigismember(&blocked, SIGINT) == 1);
+    say("hangup ", sigismember(&blocked, SIGHUP) == 1);
+    return 0;
+}
+
 /// Nobody takes the request: the wait of the main thread, which would last for ever, ends.
 std::int32_t interruptedWhileStarting() {
     say("ready");
@@ -40,7 +49,7 @@ std::int32_t interruptedWhileStarting() {
     return 1;
 }
 
-/// As many signals as argument 1 says are taken before main goes on.
+/// Somebody takes the request; further signals change nothing.
 std::int32_t delivered() {
     Proc::onTermination([] {
         ++deliveries;
@@ -49,6 +58,7 @@ std::int32_t delivered() {
     });
     say("ready");
     say("waited ", wake.wait());
+    while (Proc::terminationPending()) std::this_thread::yield();  // the delivery has yet to return
     awaitGoOn();
     sayState();
     return 5;

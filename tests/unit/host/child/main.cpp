@@ -40,6 +40,7 @@ int main(int count, char** arguments) {
         {"standard-descriptors", &checkStandardDescriptors},
         {"exhaust-alloc", &exhaustAlloc},
         {"exhaust-new", &exhaustNew},
+        {"blocked-signals", &blockedSignals},
         {"interrupted-while-starting", &interruptedWhileStarting},
         {"delivered", &delivered},
         {"delivered-later", &deliveredLater},
@@ -49,6 +50,7 @@ int main(int count, char** arguments) {
         {"log-texts", &logTexts},
         {"log-parts", &logParts},
         {"log-flood", &logFlood},
+        {"log-flood-without-descriptors", &logFloodWithoutDescriptors},
         {"log-late", &logLate},
         {"write-text", &writeText},
     };
