@@ -25,15 +25,9 @@ std::vector<Property> describe(const AdapterPlan& plan) {
                                   "0000110c-0000-1000-8000-00805f9b34fb", "0000110e-0000-1000-8000-00805f9b34fb",
                                   "00001200-0000-1000-8000-00805f9b34fb"})},
         {"Modalias", Value::string("usb:v1D6Bp0246d0542")},
+        {"Roles", Value::strings({"central", "peripheral"})},
     };
-    for (const auto& [name, value] : plan.properties) {
-        const auto same = std::find_if(values.begin(), values.end(), [&](const auto& v) { return v.first == name; });
-        if (same == values.end()) {
-            values.emplace_back(name, value);
-        } else {
-            same->second = value;
-        }
-    }
+    put(values, plan.properties);
     std::vector<Property> properties;
     for (auto& [name, value] : values) properties.push_back({name, std::move(value), {}});
     return properties;
@@ -42,7 +36,8 @@ std::vector<Property> describe(const AdapterPlan& plan) {
 }  // namespace
 
 Adapter::Adapter(World& world, const AdapterPlan& plan) : world_(world), path_("/org/bluez/" + plan.name) {
-    world_.objects.add(path_, {{kAdapter1, describe(plan)}});
+    world_.objects.add(path_, {kAdapter1, describe(plan)},
+                       {{"org.bluez.GattManager1", {}}, {"org.bluez.Media1", {}}, {"org.bluez.NetworkServer1", {}}});
     world_.narrator.event(fmt::format("{} appears: \"{}\"", path_, plan.alias));
     if (plan.poweredAfter) powering_ = world_.loop.after(*plan.poweredAfter, [this] { setPowered(true); });
 }
@@ -89,15 +84,15 @@ bool Adapter::isPowered() const {
 void Adapter::setPowered(bool isOn) {
     powering_.stop();
     if (isOn == isPowered()) return;
+    world_.narrator.event(fmt::format("{} is powered {}", path_, isOn ? "on" : "off"));
+    NamedValues changed{{"Powered", Value::boolean(isOn)}};
     if (!isOn) {
         discoverers_.clear();
-        rest();
-        std::vector<Device*> all;
-        for (const auto& [path, device] : devices_) all.push_back(device.get());
-        for (Device* device : all) device->poweredOff();
+        stopInquiry();
+        for (Device* device : all()) device->poweredOff();
+        changed.emplace_back("Discovering", Value::boolean(false));
     }
-    world_.narrator.event(fmt::format("{} is powered {}", path_, isOn ? "on" : "off"));
-    set("Powered", Value::boolean(isOn));
+    world_.objects.setAll(path_, kAdapter1, changed);
 }
 
 void Adapter::startDiscovery(const Call& call) {
@@ -111,19 +106,20 @@ void Adapter::startDiscovery(const Call& call) {
 void Adapter::stopDiscovery(const Call& call) {
     if (!isPowered()) return call.fail(Errors::kNotReady);
     if (!discoverers_.count(call.sender())) return call.fail(Errors::kNoDiscovery);
-    endDiscoveryOf(call.sender());
     call.reply();
+    endDiscoveryOf(call.sender());
 }
 
 void Adapter::endDiscoveryOf(const std::string& client) {
-    if (discoverers_.erase(client) && discoverers_.empty()) rest();
+    if (!discoverers_.erase(client) || !discoverers_.empty()) return;
+    stopInquiry();
+    for (Device* device : all()) device->unseen();
+    set("Discovering", Value::boolean(false));
 }
 
 void Adapter::clientGone(const std::string& client) {
     endDiscoveryOf(client);
-    std::vector<Device*> all;
-    for (const auto& [path, device] : devices_) all.push_back(device.get());
-    for (Device* device : all) device->clientGone(client);
+    for (Device* device : all()) device->clientGone(client);
 }
 
 /// Filters are taken and make no difference: everything in range is found.
@@ -156,13 +152,9 @@ void Adapter::inquire() {
     seeDevices();
 }
 
-void Adapter::rest() {
+void Adapter::stopInquiry() {
     seeing_.stop();
-    for (auto& [address, inRange] : inRange_) {
-        inRange.found.stop();
-        if (Device* present = device(pathOf(address))) present->unseen();
-    }
-    set("Discovering", Value::boolean(false));
+    for (auto& [address, inRange] : inRange_) inRange.found.stop();
 }
 
 void Adapter::seeDevices() {
@@ -212,6 +204,13 @@ bool Adapter::take(const std::string& path) {
 Device* Adapter::device(const std::string& path) {
     const auto found = devices_.find(path);
     return found == devices_.end() ? nullptr : found->second.get();
+}
+
+/// A list of its own, since a device may leave when it is told something.
+std::vector<Device*> Adapter::all() const {
+    std::vector<Device*> all;
+    for (const auto& [path, device] : devices_) all.push_back(device.get());
+    return all;
 }
 
 std::vector<std::string> Adapter::devices() const {

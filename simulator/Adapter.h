@@ -55,8 +55,9 @@ private:
     void removeDevice(const Call& call);
     void endDiscoveryOf(const std::string& client);
     void inquire();
-    void rest();
+    void stopInquiry();
     void seeDevices();
+    std::vector<Device*> all() const;
     void appear(const DevicePlan& plan, const Model& model);
 
     bool isPowered() const;

@@ -28,6 +28,7 @@ void Agents::registerAgent(const Call& call) {
     if (!isCapability(capability)) return call.fail(Errors::kInvalidArguments);
     agents_[call.sender()] = {call.sender(), call.arguments()[0].text(),
                               capability.empty() ? "KeyboardDisplay" : capability};
+    if (defaults_.empty()) defaults_.push_back(call.sender());
     call.reply();
 }
 

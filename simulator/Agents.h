@@ -20,7 +20,8 @@ struct Agent {
     std::string capability;
 };
 
-/// org.bluez.AgentManager1: one agent per connection, and the order of those that asked to be the default.
+/// org.bluez.AgentManager1: one agent per connection. The first one to register is the default, until another asks to
+/// be; when that goes, the one before it is the default again.
 class Agents {
 public:
     static const MethodTable<Agents>& methods();

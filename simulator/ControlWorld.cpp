@@ -108,7 +108,7 @@ void Control::setProperty(const Call& call) {
 
 void Control::dropProperty(const Call& call) {
     const auto& arguments = call.arguments();
-    if (!world_.objects.drop(arguments[0].text(), arguments[1].text(), arguments[2].text(), notify(arguments[3]))) {
+    if (!world_.objects.drop(arguments[0].text(), arguments[1].text(), {arguments[2].text()}, notify(arguments[3]))) {
         return refuse(call, fmt::format("there is no property {} of {} at {}", arguments[2].text(), arguments[1].text(),
                                         arguments[0].text()));
     }
@@ -192,6 +192,7 @@ void Control::tune(const Call& call) {
     const std::pair<const char*, milliseconds*> times[] = {{"forget-after", &tuning.forgetAfter},
                                                            {"type-after", &tuning.typeAfter},
                                                            {"agent-timeout", &tuning.agentTimeout},
+                                                           {"retry-after", &tuning.retryAfter},
                                                            {"seen-every", &tuning.seenEvery}};
     for (const auto& [name, place] : times) {
         if (what != name) continue;

@@ -8,13 +8,18 @@ namespace Simulator {
 
 namespace {
 
+// Until the kernel tells that the link of a failed pairing is gone.
+constexpr milliseconds kLinkDown{20};
+
+constexpr const char* kMediaControl1 = "org.bluez.MediaControl1";
+
 std::string pathOf(const std::string& adapterPath, std::string address) {
     std::replace(address.begin(), address.end(), ':', '_');
     return adapterPath + "/dev_" + address;
 }
 
 /// What bluetoothd tells of a device, in its order.
-std::vector<Property> describe(const std::string& adapterPath, const DevicePlan& plan, const Model& model) {
+NamedValues describe(const std::string& adapterPath, const DevicePlan& plan, const Model& model) {
     NamedValues values{
         {"Address", Value::string(plan.address)},
         {"AddressType", Value::string("public")},
@@ -26,32 +31,26 @@ std::vector<Property> describe(const std::string& adapterPath, const DevicePlan&
         {"Bonded", Value::boolean(false)},
         {"Trusted", Value::boolean(false)},
         {"Blocked", Value::boolean(false)},
-        {"LegacyPairing", Value::boolean(model.icon == "input-keyboard")},
+        {"LegacyPairing", Value::boolean(false)},
         {"Connected", Value::boolean(false)},
-        {"UUIDs", Value::strings({})},
+        {"UUIDs", model.services},
         {"Adapter", Value::objectPath(adapterPath)},
         {"ServicesResolved", Value::boolean(false)},
     };
-    const auto put = [&values](const NamedValues& others) {
-        for (const auto& [name, value] : others) {
-            const auto same =
-                std::find_if(values.begin(), values.end(), [&](const auto& v) { return v.first == name; });
-            if (same == values.end()) {
-                values.emplace_back(name, value);
-            } else {
-                same->second = value;
-            }
-        }
+    if (const Value* isPaired = find(plan.properties, "Paired")) put(values, {{"Bonded", *isPaired}});
+    put(values, model.properties);
+    put(values, plan.properties);
+    return values;
+}
+
+std::vector<Property> properties(NamedValues values, const Model& model) {
+    const auto isIn = [](const std::vector<std::string>& names, const std::string& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
     };
-    put(model.properties);
-    put(plan.properties);
     std::vector<Property> properties;
     for (auto& [name, value] : values) {
-        if (std::find(model.without.begin(), model.without.end(), name) != model.without.end()) continue;
-        if (name == "Icon" && value.isText() && value.text().empty()) continue;
-        const bool isUnreadable =
-            std::find(model.unreadable.begin(), model.unreadable.end(), name) != model.unreadable.end();
-        properties.push_back({name, std::move(value), isUnreadable ? "org.bluez.Error.Failed" : ""});
+        if (isIn(model.without, name) || (name == "Icon" && model.icon.empty())) continue;
+        properties.push_back({name, std::move(value), isIn(model.unreadable, name) ? Errors::kUnreadable.name : ""});
     }
     return properties;
 }
@@ -64,14 +63,17 @@ Device::Device(World& world, const std::string& adapterPath, const DevicePlan& p
       model_(model),
       isKnown_(!plan.foundAfter),
       leave_(std::move(leave)) {
-    auto properties = describe(adapterPath, plan, model);
-    if (!isKnown_) properties.push_back({"RSSI", Value::int16(world.newRssi()), {}});
-    world_.objects.add(path_, {{kDevice1, std::move(properties)}});
+    auto values = describe(adapterPath, plan, model);
+    if (!isKnown_) {
+        values.emplace_back("RSSI", Value::int16(world.newRssi()));
+        values.emplace_back("TxPower", Value::int16(0));
+    }
+    world_.objects.add(path_, {kDevice1, properties(std::move(values), model)});
     world_.narrator.event(fmt::format("{} appears: \"{:.60}\", which {}", path_, model.alias, model.summary));
 }
 
 Device::~Device() {
-    if (pairing_) pairing_->answer(Errors::kAuthenticationCanceled);
+    if (pairing_) pairing_->answer(Errors::kConnectionAttemptFailed);
     pairing_.reset();
     if (connectCall_) connectCall_->fail("org.bluez.Error.Failed", "Software caused connection abort");
     world_.narrator.event(fmt::format("{} goes away", path_));
@@ -93,7 +95,8 @@ bool Device::write(const std::string& property, const Value& value) {
     const bool isFlag = (property == "Trusted" || property == "Blocked") && value.type() == 'b';
     if (!isAlias && !isFlag) return false;
     // An empty alias brings the name back that the device gives itself.
-    set(property.c_str(), isAlias && value.text().empty() ? Value::string(model_.alias) : value);
+    const bool isReset = isAlias && value.text().empty();
+    world_.objects.set(path_, kDevice1, property, isReset ? Value::string(model_.alias) : value);
     return true;
 }
 
@@ -115,40 +118,37 @@ void Device::cancelPairing(const Call& call) {
         pairingEnded(Errors::kAuthenticationCanceled);
         return call.reply();
     }
-    // bluetoothd removes the bond before it says that there was no pairing to cancel.
-    showPaired(false);
+    // bluetoothd drops the bond in the kernel, which ends the connection, but goes on telling that it is paired.
+    showConnected(false);
     call.fail(Errors::kDoesNotExist);
 }
 
 void Device::pairingEnded(const std::optional<Error>& error) {
     const auto ended = std::move(pairing_);
-    if (error) {
-        showConnected(false);
-    } else {
-        showPaired(true);
-    }
+    if (!error) showPaired();
     ended->answer(error);
-    forgetLater();
+    forgetAfter(error ? std::min(kLinkDown, world_.tuning.forgetAfter) : world_.tuning.forgetAfter);
 }
 
-void Device::showPaired(bool isPaired) {
-    NamedValues changed{{"Bonded", Value::boolean(isPaired)}};
-    if (!model_.properties.empty() && isPaired) {
-        // A device with a "Paired" of its own keeps it.
-        const auto own = std::find_if(model_.properties.begin(), model_.properties.end(),
-                                      [](const auto& property) { return property.first == "Paired"; });
-        if (own == model_.properties.end()) changed.emplace_back("Paired", Value::boolean(true));
-    } else {
-        changed.emplace_back("Paired", Value::boolean(isPaired));
+/// In this order, and before it answers Pair, bluetoothd tells of a new bond.
+void Device::showPaired() {
+    tell({{"Bonded", Value::boolean(true)}, {"Connected", Value::boolean(true)}});
+    if (model_.icon == "audio-headset") {
+        world_.objects.addInterface(path_, {kMediaControl1, {{"Connected", Value::boolean(false), {}}}});
     }
-    world_.objects.setAll(path_, kDevice1, changed);
-    if (!isPaired) return forgetLater();
-    world_.objects.setAll(path_, kDevice1, {{"UUIDs", model_.services}, {"ServicesResolved", Value::boolean(true)}});
+    tell({{"UUIDs", model_.services}, {"ServicesResolved", Value::boolean(true)}, {"Paired", Value::boolean(true)}});
 }
 
 void Device::showConnected(bool isConnected) {
-    set("Connected", Value::boolean(isConnected));
-    if (!isConnected) forgetLater();
+    tell({{"Connected", Value::boolean(isConnected)}, {"ServicesResolved", Value::boolean(isConnected)}});
+    if (!isConnected) forgetAfter(world_.tuning.forgetAfter);
+}
+
+/// Changes the properties, but for those that the model has values of its own for.
+void Device::tell(const NamedValues& values) {
+    NamedValues changed = values;
+    std::erase_if(changed, [this](const auto& value) { return find(model_.properties, value.first) != nullptr; });
+    world_.objects.setAll(path_, kDevice1, changed);
 }
 
 bool Device::type(const std::string& pinCode) {
@@ -217,25 +217,32 @@ void Device::clientGone(const std::string& client) {
 }
 
 void Device::seen() {
-    set("RSSI", Value::int16(world_.newRssi()));
-    if (forgetting_.isRunning()) forgetLater();
+    tell({{"RSSI", Value::int16(world_.newRssi())}, {"TxPower", Value::int16(0)}});
+    if (forgetting_.isRunning()) forgetAfter(world_.tuning.forgetAfter);
 }
 
 void Device::unseen() {
-    world_.objects.drop(path_, kDevice1, "RSSI");
-    forgetLater();
+    world_.objects.drop(path_, kDevice1, {"TxPower", "RSSI"});
+    forgetAfter(world_.tuning.forgetAfter);
 }
 
 void Device::poweredOff() {
     if (pairing_) pairingEnded(Errors::kAuthenticationFailed);
     showConnected(false);
-    unseen();
+    if (isKept()) {
+        unseen();
+    } else {
+        leave(false);
+    }
 }
 
-void Device::forgetLater() {
+bool Device::isKept() const {
+    return isKnown_ || pairing_ || isTrue("Bonded") || isTrue("Connected");
+}
+
+void Device::forgetAfter(milliseconds patience) {
     forgetting_.stop();
-    const auto patience = world_.tuning.forgetAfter;
-    if (isKnown_ || pairing_ || patience == milliseconds(0) || isTrue("Bonded") || isTrue("Connected")) return;
+    if (patience == milliseconds(0) || isKept()) return;
     forgetting_ = world_.loop.after(patience, [this] { leave(false); });
 }
 

@@ -20,7 +20,7 @@ public:
 
     /// The object appears at once.
     Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave);
-    /// A pairing under way ends with AuthenticationCanceled, as when bluetoothd removes a device.
+    /// A pairing under way ends with ConnectionAttemptFailed, as when bluetoothd removes a device.
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
@@ -36,6 +36,7 @@ public:
     void seen();
     /// No inquiry sees the device any more.
     void unseen();
+    /// The adapter lost its power; a device that is not kept is forgotten at once.
     void poweredOff();
 
     /// The pincode that was shown last, empty when none was.
@@ -44,7 +45,6 @@ public:
     bool type(const std::string& pinCode);
 
     // For the pairing under way.
-    void showConnected(bool isConnected);
     void showPinCode(const std::string& pinCode) { pinCode_ = pinCode; }
     /// Ends the pairing, with an error or without, and destroys it.
     void pairingEnded(const std::optional<Error>& error);
@@ -60,9 +60,11 @@ private:
     void disconnectProfile(const Call& call);
 
     bool isTrue(const char* property) const;
-    void set(const char* property, Value value) { world_.objects.set(path_, kDevice1, property, std::move(value)); }
-    void showPaired(bool isPaired);
-    void forgetLater();
+    void showPaired();
+    void tell(const NamedValues& values);
+    void showConnected(bool isConnected);
+    bool isKept() const;
+    void forgetAfter(milliseconds patience);
     void leave(bool isOffTheAir);
 
     World& world_;

@@ -24,6 +24,7 @@ inline constexpr Error kInvalidArguments{"org.bluez.Error.InvalidArguments", "In
 inline constexpr Error kNoDiscovery{"org.bluez.Error.Failed", "No discovery started"};
 inline constexpr Error kNotAvailable{"org.bluez.Error.NotAvailable", "Operation currently not available"};
 inline constexpr Error kNotConnected{"org.bluez.Error.NotConnected", "Not Connected"};
+inline constexpr Error kUnreadable{"org.bluez.Error.Failed", "The property cannot be read"};
 inline constexpr Error kNotReady{"org.bluez.Error.NotReady", "Resource Not Ready"};
 
 }  // namespace Errors

@@ -14,7 +14,6 @@ namespace Simulator {
 /// One thing that happens while a device is being paired. The next step follows when the step is done.
 struct Step {
     enum class Kind {
-        Connect,         ///< the link comes up: Connected turns true
         Wait,            ///< `delay` passes
         DisplayPinCode,  ///< a new pincode is made and shown through the agent; done when the agent answered
         AwaitTyping,     ///< somebody has to type the pincode at the device; a wrong one ends in AuthenticationFailed
@@ -30,6 +29,9 @@ struct Step {
     Error error{};
 };
 
+/// A time that does not come.
+inline constexpr milliseconds kNever{-1};
+
 /// A kind of device, with one behaviour, that can be put on the air any number of times. After the last step of its
 /// pairing the device is paired.
 struct Model {
@@ -38,11 +40,11 @@ struct Model {
     std::string alias;
     std::uint32_t classOfDevice = 0;
     std::string icon;
-    /// "UUIDs" once the device is paired; empty before.
+    /// "UUIDs": what it offers, which it also advertises.
     Value services = Value::strings({});
     std::vector<Step> pairing{};
 
-    /// How ConnectProfile is answered, and how long it takes. A negative delay is never.
+    /// How ConnectProfile is answered, and after what time.
     milliseconds profileDelay{20};
     std::optional<Error> profileError{};
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "simulator/ValueText.h"
@@ -11,6 +12,7 @@ namespace Simulator {
 
 namespace {
 
+constexpr std::string_view kStandard = "org.freedesktop.DBus.";
 constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 
 auto findProperty(auto& interface, std::string_view name) {
@@ -32,19 +34,29 @@ bool ObjectTree::isPrefix(const std::string& path) const {
     return next != objects_.end() && next->first.starts_with(path + "/");
 }
 
-void ObjectTree::add(const std::string& path, std::vector<Interface> interfaces, Notify notify) {
-    interfaces.insert(interfaces.begin(), Interface{kIntrospectable, {}});
-    interfaces.push_back(Interface{kProperties, {}});
-    addExactly(path, std::move(interfaces), notify);
+void ObjectTree::add(const std::string& path, Interface interface, std::vector<Interface> others) {
+    std::vector<Interface> interfaces{{kIntrospectable, {}}, std::move(interface), {kProperties, {}}};
+    std::move(others.begin(), others.end(), std::back_inserter(interfaces));
+    addExactly(path, std::move(interfaces));
 }
 
 void ObjectTree::addExactly(const std::string& path, std::vector<Interface> interfaces, Notify notify) {
     auto& object = objects_[path];
     object = std::move(interfaces);
-    if (notify == Notify::No) return;
+    if (notify == Notify::Yes) tellAdded(path, object);
+}
+
+void ObjectTree::addInterface(const std::string& path, Interface interface) {
+    const auto object = objects_.find(path);
+    if (object == objects_.end() || has(path, interface.name)) return;
+    object->second.push_back(std::move(interface));
+    tellAdded(path, {object->second.back()});
+}
+
+void ObjectTree::tellAdded(const std::string& path, const Object& interfaces) const {
     const auto signal = bus_.newSignal("/", kObjectManager, "InterfacesAdded");
     if (!signal || sd_bus_message_append_basic(signal.get(), 'o', path.c_str()) < 0) return;
-    if (appendInterfaces(signal.get(), object) >= 0) bus_.send(signal);
+    if (appendInterfaces(signal.get(), interfaces) >= 0) bus_.send(signal);
 }
 
 void ObjectTree::remove(const std::string& path, Notify notify) {
@@ -52,6 +64,9 @@ void ObjectTree::remove(const std::string& path, Notify notify) {
     if (node.empty() || notify == Notify::No) return;
     std::vector<std::string> names;
     for (const auto& interface : node.mapped()) names.push_back(interface.name);
+    // bluetoothd names its own interfaces last.
+    std::stable_partition(names.begin(), names.end(), [](const auto& name) { return name.starts_with(kStandard); });
+    if (names.size() > 1 && names[0] == kIntrospectable && names[1] == kProperties) std::swap(names[0], names[1]);
     const auto signal = bus_.newSignal("/", kObjectManager, "InterfacesRemoved");
     if (!signal || sd_bus_message_append_basic(signal.get(), 'o', path.c_str()) < 0) return;
     if (Value::strings(names).appendTo(signal.get()) >= 0) bus_.send(signal);
@@ -100,14 +115,19 @@ bool ObjectTree::setAll(const std::string& path, std::string_view interface, con
     return true;
 }
 
-bool ObjectTree::drop(const std::string& path, std::string_view interface, const std::string& property, Notify notify) {
+bool ObjectTree::drop(const std::string& path, std::string_view interface, const std::vector<std::string>& properties,
+                      Notify notify) {
     Interface* holder = find(path, interface);
-    if (!holder) return false;
-    const auto found = findProperty(*holder, property);
-    if (found == holder->properties.end()) return false;
-    holder->properties.erase(found);
-    if (notify == Notify::Yes) tellChanged(path, interface, {}, {property});
-    return true;
+    std::vector<std::string> dropped;
+    for (const auto& property : properties) {
+        if (!holder) return false;
+        const auto found = findProperty(*holder, property);
+        if (found == holder->properties.end()) continue;
+        holder->properties.erase(found);
+        dropped.push_back(property);
+    }
+    if (notify == Notify::Yes && !dropped.empty()) tellChanged(path, interface, {}, dropped);
+    return !dropped.empty();
 }
 
 bool ObjectTree::breakReading(const std::string& path, std::string_view interface, const std::string& property,
@@ -189,7 +209,7 @@ void ObjectTree::get(const Call& call) const {
     const auto found = findProperty(*holder, property);
     if (found == holder->properties.end())
         return call.fail(kInvalidArgs, fmt::format("No such property '{}'", property));
-    if (!found->readError.empty()) return call.fail(found->readError, "The property cannot be read");
+    if (!found->readError.empty()) return call.fail(found->readError, Errors::kUnreadable.text);
     call.reply({Value::variant(found->value)});
 }
 
@@ -198,7 +218,7 @@ void ObjectTree::getAll(const Call& call) const {
     const Interface* holder = find(call.path(), interface);
     if (!holder) return call.fail(kInvalidArgs, fmt::format("No such interface '{}'", interface));
     for (const auto& property : holder->properties) {
-        if (!property.readError.empty()) return call.fail(property.readError, "The property cannot be read");
+        if (!property.readError.empty()) return call.fail(property.readError, Errors::kUnreadable.text);
     }
     call.replyWith([holder](sd_bus_message* message) { return appendProperties(message, *holder); });
 }

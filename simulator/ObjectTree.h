@@ -44,12 +44,14 @@ public:
     /// Whether there is such an object or one below it.
     bool isPrefix(const std::string& path) const;
 
-    /// Shows the object (replacing what was there) with these interfaces, in this order, between Introspectable and
-    /// Properties, as bluetoothd shows every object.
-    void add(const std::string& path, std::vector<Interface> interfaces, Notify notify = Notify::Yes);
+    /// Shows the object (replacing what was there) as bluetoothd shows every object: Introspectable, the interface,
+    /// Properties, and the others.
+    void add(const std::string& path, Interface interface, std::vector<Interface> others = {});
     /// Shows the object with exactly these interfaces.
     void addExactly(const std::string& path, std::vector<Interface> interfaces, Notify notify = Notify::Yes);
     void remove(const std::string& path, Notify notify = Notify::Yes);
+    /// Shows one more interface of an object. Nothing happens when it has it, or when there is no such object.
+    void addInterface(const std::string& path, Interface interface);
 
     /// Null when there is none.
     const Value* get(const std::string& path, std::string_view interface, std::string_view property) const;
@@ -59,8 +61,8 @@ public:
     /// The same for several at once, told in one signal.
     bool setAll(const std::string& path, std::string_view interface, const NamedValues& values,
                 Notify notify = Notify::Yes);
-    /// Takes the property away; told as invalidated. False when there was none.
-    bool drop(const std::string& path, std::string_view interface, const std::string& property,
+    /// Takes properties away; those that were there are told as invalidated. False when there was none of them.
+    bool drop(const std::string& path, std::string_view interface, const std::vector<std::string>& properties,
               Notify notify = Notify::Yes);
     /// From now on the property cannot be read; an empty name mends it. False when there is none.
     bool breakReading(const std::string& path, std::string_view interface, const std::string& property,
@@ -86,6 +88,7 @@ private:
     static int appendInterfaces(sd_bus_message* message, const Object& object);
     static int appendProperties(sd_bus_message* message, const Interface& interface);
 
+    void tellAdded(const std::string& path, const Object& interfaces) const;
     void getManagedObjects(const Call& call) const;
     void get(const Call& call) const;
     void getAll(const Call& call) const;

@@ -10,6 +10,8 @@ namespace Simulator {
 namespace {
 
 constexpr const char* kAgent1 = "org.bluez.Agent1";
+constexpr int kPinCodes = 3;  // of its own that bluetoothd tries with a keyboard
+constexpr const char* kNoReply = "org.freedesktop.DBus.Error.NoReply";
 
 }  // namespace
 
@@ -22,7 +24,10 @@ Pairing::Pairing(World& world, Device& device, const Call& call, const std::vect
       steps_(steps) {}
 
 Pairing::~Pairing() {
-    if (!asking_.isWaiting()) return;
+    if (asking_.isWaiting()) cancelAgent();
+}
+
+void Pairing::cancelAgent() const {
     world_.narrator.event(fmt::format("-> agent {} Cancel()", agent_->owner));
     world_.bus.send(world_.bus.newCall(agent_->owner, agent_->path, kAgent1, "Cancel"));
 }
@@ -36,13 +41,11 @@ void Pairing::go() {
 
 bool Pairing::take(const Step& step) {
     switch (step.kind) {
-        case Step::Kind::Connect:
-            device_.showConnected(true);
-            return true;
         case Step::Kind::Wait:
             timer_ = world_.loop.after(step.delay, [this] { go(); });
             return false;
         case Step::Kind::DisplayPinCode:
+            displayed_ = next_ - 1;
             pinCode_ = world_.newPinCode();
             device_.showPinCode(pinCode_);
             return askAgent("DisplayPinCode", {Value::objectPath(device_.path()), Value::string(pinCode_)},
@@ -87,7 +90,9 @@ bool Pairing::askAgent(const std::string& member, Value::List arguments, void (P
 
 void Pairing::displayed(const Answer& answer) {
     asking_ = {};
-    if (!answer.errorName.empty()) return fail(Errors::kAuthenticationFailed);
+    // An agent that answers with an error, or leaves the bus, changes nothing: bluetoothd goes on with its pincode. One
+    // that does not answer in time is told so.
+    if (answer.errorName == kNoReply) cancelAgent();
     go();
 }
 
@@ -95,7 +100,8 @@ void Pairing::told(const Answer& answer) {
     asking_ = {};
     const bool isTold = answer.errorName.empty() && answer.results.size() == 1 && answer.results[0].isText();
     if (!isTold || answer.results[0].text().empty()) return fail(Errors::kAuthenticationFailed);
-    device_.showPinCode(answer.results[0].text());
+    pinCode_ = answer.results[0].text();
+    device_.showPinCode(pinCode_);
     go();
 }
 
@@ -108,10 +114,20 @@ bool Pairing::type(const std::string& pinCode) {
         fmt::format("{} is typed at {}, which is {}", pinCode, device_.path(), isRight ? "right" : "wrong"));
     if (isRight) {
         go();
-    } else {
+    } else if (world_.tuning.retryAfter == milliseconds(0) || attempt_ > kPinCodes) {
         fail(Errors::kAuthenticationFailed);
+    } else {
+        timer_ = world_.loop.after(world_.tuning.retryAfter, [this] { retry(); });
     }
     return true;
+}
+
+void Pairing::retry() {
+    ++attempt_;
+    next_ = displayed_;
+    if (attempt_ <= kPinCodes) return go();
+    ++next_;
+    askAgent("RequestPinCode", {Value::objectPath(device_.path())}, &Pairing::told);
 }
 
 void Pairing::fail(const Error& error) {

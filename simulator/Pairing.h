@@ -35,7 +35,9 @@ private:
     bool askAgent(const std::string& member, Value::List arguments, void (Pairing::*answered)(const Answer&));
     void displayed(const Answer& answer);
     void told(const Answer& answer);
+    void retry();
     void fail(const Error& error);
+    void cancelAgent() const;
 
     World& world_;
     Device& device_;
@@ -44,6 +46,8 @@ private:
     const std::optional<Agent> agent_;
     const std::vector<Step> steps_;
     std::size_t next_ = 0;
+    std::size_t displayed_ = 0;  // the step that showed the pincode
+    int attempt_ = 1;
     bool isAwaitingTyping_ = false;
     std::string pinCode_;
     Timer timer_;

@@ -21,7 +21,10 @@ Simulation::Simulation(Loop& loop, Bus& bus, Narrator& narrator)
     world_.objects.describe(kAgentManager1, Agents::methods().infos());
     world_.objects.describe(kAdapter1, Adapter::methods().infos());
     world_.objects.describe(kDevice1, Device::methods().infos());
-    world_.objects.add(kRoot, {{kAgentManager1, {}}});
+    world_.objects.addExactly(kRoot, {{kIntrospectable, {}},
+                                      {kAgentManager1, {}},
+                                      {"org.bluez.ProfileManager1", {}},
+                                      {"org.bluez.HealthManager1", {}}});
 }
 
 Simulation::~Simulation() {
@@ -80,6 +83,9 @@ void Simulation::setProperty(const Call& call) {
     }
     Adapter* ownAdapter = interface == kAdapter1 ? adapter(path) : nullptr;
     Device* ownDevice = interface == kDevice1 ? device(path) : nullptr;
+    const bool isPower = ownAdapter && property == "Powered" && value.type() == 'b';
+    if (isPower) call.reply();  // bluetoothd answers before it tells that the power changed
+    if (isPower && ownAdapter->write(property, value)) return;
     if ((ownAdapter && ownAdapter->write(property, value)) || (ownDevice && ownDevice->write(property, value))) {
         return call.reply();
     }

@@ -200,6 +200,24 @@ int Value::appendContainer(sd_bus_message* message) const {
     return result < 0 ? result : sd_bus_message_close_container(message);
 }
 
+const Value* find(const NamedValues& values, const std::string& name) {
+    const auto found =
+        std::find_if(values.begin(), values.end(), [&](const auto& value) { return value.first == name; });
+    return found == values.end() ? nullptr : &found->second;
+}
+
+void put(NamedValues& values, const NamedValues& others) {
+    for (const auto& [name, value] : others) {
+        const auto same =
+            std::find_if(values.begin(), values.end(), [&name = name](const auto& own) { return own.first == name; });
+        if (same != values.end()) {
+            same->second = value;
+        } else {
+            values.emplace_back(name, value);
+        }
+    }
+}
+
 Value dictionary(const NamedValues& values) {
     Value::List entries;
     entries.reserve(values.size());

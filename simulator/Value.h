@@ -83,6 +83,11 @@ private:
 /// Named values in their order: the properties of an interface.
 using NamedValues = std::vector<std::pair<std::string, Value>>;
 
+/// The value of that name, null when there is none.
+const Value* find(const NamedValues& values, const std::string& name);
+/// Replaces the values of the same names, and adds the others at the end.
+void put(NamedValues& values, const NamedValues& others);
+
 /// The a{sv} of the named values.
 Value dictionary(const NamedValues& values);
 /// The entries of an a{sv}; entries of other dictionaries are left out.

@@ -43,14 +43,17 @@ struct AdapterPlan {
 
 /// The times that the simulation keeps.
 struct Tuning {
-    /// A device that is neither paired nor connected nor known from the start is forgotten when it was not seen for
-    /// this long, as bluetoothd does after 30 s. 0 is never.
+    /// A device that an inquiry found, and that is neither paired nor connected, is forgotten when it was not seen for
+    /// this long, as bluetoothd does after 30 s, and at once when its pairing failed. 0 is never, for both.
     milliseconds forgetAfter{30000};
     /// Pincodes are typed by themselves after this time. 0 is never: they have to be typed through the control
     /// interface.
     milliseconds typeAfter{0};
     /// bluetoothd gives an agent 60 s for its answer.
     milliseconds agentTimeout{60000};
+    /// After a wrong pincode bluetoothd tries again: two times with another pincode, then it asks the agent for one,
+    /// each this long (3 s) after the last failure. 0: the pairing ends with AuthenticationFailed.
+    milliseconds retryAfter{0};
     /// While an adapter inquires, each device in range is seen again, with another RSSI, this often. 0 is never.
     milliseconds seenEvery{1000};
 };
