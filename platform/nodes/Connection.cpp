@@ -160,9 +160,9 @@ void Connection::dropWaiting() {
 }
 
 bool Connection::settle() {
-    if (!isOpen() || serving_) return false;
+    if (!isOpen()) return false;
     const bool inputOver = withdrawn_ || input_ != Input::Open;
-    if (inputOver && !watching_ && calls_ == 0 && backlogBytes() == 0) {
+    if (inputOver && pendingCalls() == 0 && backlogBytes() == 0) {
         close();
         return true;
     }
