@@ -1,10 +1,9 @@
 #include "platform/host/LogLine.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <ctime>
 
 #include "platform/host/StdOut.h"
 #include "platform/host/SysLog.h"

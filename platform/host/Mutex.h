@@ -25,7 +25,7 @@ private:
 class SCOPED_CAPABILITY MutexLock {
 public:
     explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : lock_(mutex.native()) {}
-    ~MutexLock() RELEASE() {}
+    ~MutexLock() RELEASE() = default;
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 

@@ -1,11 +1,11 @@
 #include "platform/host/Proc.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 #include "platform/host/Termination.h"

@@ -1,9 +1,9 @@
 #include "platform/host/Termination.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <system_error>
 #include <utility>
 
@@ -91,7 +91,8 @@ bool Termination::pending() {
 }
 
 void Termination::pokeSignalThread() {
-    if (signalLoop_) pthread_kill(*signalLoop_, SIGTERM);
+    // It kills no thread: the signal is blocked, and fetched by sigwaitinfo().
+    if (signalLoop_) pthread_kill(*signalLoop_, SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
 }
 
 void Termination::setDeliver(std::function<bool()> deliver) {

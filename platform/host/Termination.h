@@ -1,10 +1,10 @@
 #pragma once
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <functional>
 #include <optional>
 #include <thread>

@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <stdexcept>
 #include <utility>
 
@@ -67,6 +68,16 @@ std::string Reader::rest() {
     return std::exchange(buffer_, {});
 }
 
+namespace {
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers(texts.size());
+    std::transform(texts.begin(), texts.end(), pointers.begin(), [](std::string& text) { return text.data(); });
+    return pointers;
+}
+
+}  // namespace
+
 Child::Child(const Setup& setup) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -83,14 +94,13 @@ Child::Child(const Setup& setup) {
 
     std::vector<std::string> texts = {BTN_HOST_CHILD};
     texts.insert(texts.end(), setup.arguments.begin(), setup.arguments.end());
-    std::vector<char*> arguments;
-    for (std::string& text : texts) arguments.push_back(text.data());
+    std::vector<char*> arguments = pointersTo(texts);
     arguments.push_back(nullptr);
     std::vector<std::string> added = setup.environment;
-    std::vector<char*> environment;
-    for (std::string& text : added) environment.push_back(text.data());
-    for (char** text = environ; *text; ++text) environment.push_back(*text);
-    environment.push_back(nullptr);
+    std::vector<char*> environment = pointersTo(added);
+    char** end = environ;
+    while (*end) ++end;
+    environment.insert(environment.end(), environ, end + 1);  // with the null pointer that ends it
 
     for (const int number : setup.ignoredSignals) ::signal(number, SIG_IGN);  // inherited
     const int error = posix_spawn(&process_, BTN_HOST_CHILD, &actions, nullptr, arguments.data(), environment.data());

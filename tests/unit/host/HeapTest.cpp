@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string_view>
 
 #include "tests/unit/host/Child.h"
@@ -30,7 +29,7 @@ TEST(Heap, GivesBlocksAlsoForNoBytes) {
 
 TEST(Heap, KeepsTheContentOfABlockThatGrows) {
     auto* block = static_cast<char*>(Heap::realloc(nullptr, 4));
-    std::memcpy(block, "abcd", 4);
+    Mem::move(block, "abcd", 4);
     block = static_cast<char*>(Heap::realloc(block, 100'000));
     EXPECT_EQ(std::string_view(block, 4), "abcd");
     Heap::free(block);

@@ -48,10 +48,7 @@ public:
         : destroyed_(destroyed), lockedInDestructor_(lockedInDestructor) {}
     ~SelfReferring() override {
         ++destroyed_;
-        {
-            const Ref<SelfReferring> self(this);
-            const Ref<SelfReferring> again = self;
-        }
+        for (int round = 0; round < 2; ++round) Ref<SelfReferring>(this).reset();
         lockedInDestructor_ = WeakRef<SelfReferring>(this).lock() != nullptr;
     }
 

@@ -19,13 +19,14 @@ namespace {
 constexpr const char* kLine = "%1023[^\n]";
 
 class PosixC : public testing::Test {
-protected:
+public:
     PosixC() {
         std::string pattern = fs::temp_directory_path() / "unit-host-XXXXXX";
         folder_ = fs::canonical(mkdtemp(pattern.data()));
     }
     ~PosixC() override { fs::remove_all(folder_); }
 
+protected:
     std::string file(const std::string& content) const {
         const fs::path path = folder_ / "file";
         std::ofstream(path) << content;

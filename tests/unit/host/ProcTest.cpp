@@ -1,8 +1,8 @@
 #include "platform/host/Proc.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 

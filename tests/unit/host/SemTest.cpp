@@ -57,7 +57,8 @@ TEST(Sem, MayGoWithTheThreadThatAPostWokeUp) {
     threads.start([&] {
         for (int round = 0; round < kRounds; ++round) {
             step.arrive_and_wait();
-            const Ref<Sem> mine = std::move(shared);
+            Ref<Sem> mine;
+            mine.swap(shared);
             step.arrive_and_wait();
             mine->wait();
         }

@@ -193,7 +193,7 @@ TEST_F(LogRecordTest, OfManyThreadsAreWholeLinesInTheOrderOfTheirTimes) {
     }
     threads.join();
     const std::vector<std::string> lines = capture.lines();
-    EXPECT_EQ(lines.size(), std::size_t{kThreads * kEach});
+    EXPECT_EQ(lines.size(), std::size_t{kThreads} * kEach);
     std::string last;
     for (const std::string& line : lines) {
         EXPECT_TRUE(line.ends_with(std::string(100, 'x') + "end")) << line;

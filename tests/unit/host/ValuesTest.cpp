@@ -27,9 +27,10 @@ TEST(Atomic, SwapsOnlyTheExpectedValue) {
 
 TEST(Containers, AreSharedThroughTheirReferences) {
     const Ref<TVector<int>> vector = TVector<int>::create();
-    const Ref<TVector<int>> same = vector;
-    vector->items.push_back(7);
-    EXPECT_EQ(same->items, std::vector<int>{7});
+    Ref<TVector<int>> same = vector;
+    same->items.push_back(7);
+    same.reset();
+    EXPECT_EQ(vector->items, std::vector<int>{7});
 
     const Ref<TSet<int>> set = TSet<int>::create();
     set->items.insert(2);

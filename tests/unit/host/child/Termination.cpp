@@ -1,6 +1,5 @@
-#include <signal.h>
-
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 #include "platform/host/Interrupt.h"
