@@ -1,7 +1,6 @@
 #include "platform/nodes/Connection.h"
 
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
 #include "platform/nodes/Log.h"
 #include "platform/nodes/Methods.h"
@@ -180,13 +179,7 @@ bool Connection::settle() {
 
 void Connection::close() {
     node_->service().engine().remove(*this, socket_.get());
-    // A socket that is closed with bytes unread gives its client an error in place of the end of the stream. After the
-    // shutdown nothing more comes in, so this ends.
-    shutdown(socket_.get(), SHUT_RDWR);
-    char unread[4096];
-    while (recv(socket_.get(), unread, sizeof unread, MSG_DONTWAIT) > 0) {
-    }
-    socket_.reset();
+    endStream(std::move(socket_));
     dropWaiting();
     backlog_ = std::string();
     backlogHead_ = 0;

@@ -198,9 +198,11 @@ void Engine::onTimer() {
 bool Engine::refuseNext(int listener) noexcept {
     const Lock lock(reserveLock_);
     reserve_.reset();
-    const bool refused = static_cast<bool>(Fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)));
+    Fd refused(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    const bool any = static_cast<bool>(refused);
+    if (any) endStream(std::move(refused));
     reserve_ = Fd(openReserve());
-    return refused;
+    return any;
 }
 
 void Engine::finishReplies() {

@@ -113,6 +113,12 @@ void Engine::end() {
     if (ownThread) pthread_detach(pthread_self());
     finishReplies();
     for (const Ref<Pollable>& target : watched()) target->abandon();
+    // Stopped services may be kept for long.
+    epoll_.reset();
+    wake_.reset();
+    timer_.reset();
+    const Lock lock(reserveLock_);
+    reserve_.reset();
 }
 
 }  // namespace Services::Nodes

@@ -28,4 +28,7 @@ private:
     int fd_ = -1;
 };
 
+/// Closes a connected socket so that its client reads the end of the stream, after what was sent to it.
+void endStream(Fd socket) noexcept;
+
 }  // namespace Services::Nodes

@@ -8,6 +8,8 @@
 #include <charconv>
 #include <unordered_map>
 
+#include "platform/nodes/Fd.h"
+
 namespace Services::Nodes {
 
 namespace {
@@ -28,8 +30,9 @@ std::string readAll(int file) {
     }
 }
 
-Fd createFile(int folder, const char* name) {
-    return Fd(openat(folder, name, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+/// Makes the file, or empties it.
+bool makeFile(int folder, const char* name) {
+    return static_cast<bool>(Fd(openat(folder, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600)));
 }
 
 std::string lineFor(ino_t inode, std::string_view name) {
@@ -39,9 +42,8 @@ std::string lineFor(ino_t inode, std::string_view name) {
 }  // namespace
 
 std::optional<Journal> Journal::create(int folder) {
-    Fd file = createFile(folder, kFile);
-    if (!file) return {};
-    return Journal(folder, std::move(file));
+    if (!makeFile(folder, kFile)) return {};
+    return Journal(folder, kFile);
 }
 
 void Journal::read(int folder, const std::function<void(ino_t, std::string_view)>& record) {
@@ -83,26 +85,29 @@ void Journal::takeBack(ino_t inode) {
 }
 
 bool Journal::append(const std::string& line) {
-    const ssize_t written = pwrite(file_.get(), line.data(), line.size(), size_);
+    const Fd file(openat(folder_, name_, O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file) return false;
+    const ssize_t written = pwrite(file.get(), line.data(), line.size(), size_);
     if (written == static_cast<ssize_t>(line.size())) {
         size_ += written;
         ++lines_;
         return true;
     }
     const int error = written < 0 ? errno : ENOSPC;
-    [[maybe_unused]] const int restored = ftruncate(file_.get(), size_);
+    [[maybe_unused]] const int restored = ftruncate(file.get(), size_);
     errno = error;
     return false;
 }
 
 void Journal::compact() {
-    Fd file = createFile(folder_, kNewFile);
-    if (!file) return;
-    Journal fresh(folder_, std::move(file));
+    if (!makeFile(folder_, kNewFile)) return;
+    Journal fresh(folder_, kNewFile);
     bool whole = true;
     read(folder_, [&](ino_t inode, std::string_view name) { whole = whole && fresh.add(inode, name); });
     // The new file takes the old one's place at once: a process killed here leaves one or the other.
-    if (whole && renameat(folder_, kNewFile, folder_, kFile) == 0) *this = std::move(fresh);
+    if (!whole || renameat(folder_, kNewFile, folder_, kFile) != 0) return;
+    fresh.name_ = kFile;
+    *this = fresh;
 }
 
 }  // namespace Services::Nodes

@@ -55,6 +55,12 @@ void Node::withdraw(bool stopped) {
         withdrawn_ = true;
         if (watched_) service_->engine().remove(*this, listener_.get());
         watched_ = false;
+        // Who has connected and was not accepted so far reads the end of the stream, too, and no error.
+        for (int count = 0; listener_ && count < SOMAXCONN; ++count) {
+            Fd waiting(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (!waiting) break;
+            endStream(std::move(waiting));
+        }
         listener_.reset();
         watches_.clear();
         connections = connections_;

@@ -29,7 +29,9 @@ std::string ServerLock::fileName(std::string_view server) {
 
 std::optional<ServerLock> ServerLock::take(int root, std::string_view server, std::string& reason) {
     constexpr mode_t kMode = 0644;  // everybody may see who serves
-    Fd file(openat(root, fileName(server).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
+    const std::string name = fileName(server);
+    // Open for reading: no file that is open for writing keeps the file system from being mounted read-only.
+    Fd file(openat(root, name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
     struct stat info {};
     if (!file || fstat(file.get(), &info) != 0) {
         reason = std::system_category().message(errno);
@@ -48,17 +50,15 @@ std::optional<ServerLock> ServerLock::take(int root, std::string_view server, st
         reason = holder.empty() ? "served by another process" : "served by process " + holder;
         return {};
     }
-    // Only the refused one reads it: that it could not be written hinders nobody.
-    const std::string own = std::to_string(getpid()) + "\n";
-    if (ftruncate(file.get(), 0) == 0) {
-        [[maybe_unused]] const ssize_t written = pwrite(file.get(), own.data(), own.size(), 0);
+    const Fd writable(openat(root, name.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!writable) {
+        reason = std::system_category().message(errno);
+        return {};
     }
+    // Only a refused process reads it: that it could not be written hinders nobody.
+    const std::string own = std::to_string(getpid()) + "\n";
+    [[maybe_unused]] const ssize_t written = ::write(writable.get(), own.data(), own.size());
     return ServerLock(std::move(file));
-}
-
-ServerLock::~ServerLock() {
-    if (file_) [[maybe_unused]]
-        const int truncated = ftruncate(file_.get(), 0);
 }
 
 }  // namespace Services::Nodes

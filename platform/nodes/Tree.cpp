@@ -146,6 +146,7 @@ std::optional<Tree::Socket> Tree::publish(std::string_view name, mode_t mode, st
         reason = "the service has stopped";
         return {};
     }
+    removeStale(name);
     const std::string staged = "node" + std::to_string(++counter_);
     Socket made;
     if (!makeSocket(staged, mode, path.topFolder(), made, reason)) {
@@ -200,22 +201,34 @@ bool Tree::moveIntoPlace(const std::string& staged, std::string_view name, std::
 
 void Tree::withdraw(std::string_view name, ino_t inode) {
     const Lock lock(treeLock);
-    removeSocket(name, inode, false);
-    if (journal_) journal_->takeBack(inode);
+    if (!removeSocket(name, inode, false)) {
+        stale_.insert_or_assign(std::string(name), inode);
+    } else if (journal_) {
+        journal_->takeBack(inode);
+    }
 }
 
-void Tree::removeSocket(std::string_view name, ino_t inode, bool onlyIfDead) {
+bool Tree::removeSocket(std::string_view name, ino_t inode, bool onlyIfDead) {
     const NodePath path(name);
-    if (!path.valid()) return;
+    if (!path.valid()) return true;
+    bool removed = true;
     if (const Fd folder = path.openFolder(root_.get())) {
         struct stat info {};
         const bool ours = fstatat(folder.get(), path.leaf().c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
                           S_ISSOCK(info.st_mode) && info.st_ino == inode;
         if (ours && !(onlyIfDead && isServed(folder.get(), path.leaf()))) {
-            unlinkat(folder.get(), path.leaf().c_str(), 0);
+            removed = unlinkat(folder.get(), path.leaf().c_str(), 0) == 0 || errno == ENOENT;
         }
     }
     path.removeEmptyFolders(root_.get());
+    return removed;
+}
+
+void Tree::removeStale(std::string_view name) {
+    const auto found = stale_.find(name);
+    if (found == stale_.end() || !removeSocket(name, found->second, true)) return;
+    journal_->takeBack(found->second);
+    stale_.erase(found);
 }
 
 std::optional<gid_t> Tree::groupOf(std::string_view folder) {
@@ -234,7 +247,10 @@ std::optional<gid_t> Tree::groupOf(std::string_view folder) {
 void Tree::close() {
     const Lock lock(treeLock);
     if (!staging_) return;
-    if (journal_) Journal::remove(staging_.get());
+    // What could not be taken out is tried again; if it stays, so does its record, for the next process.
+    bool clean = true;
+    for (const auto& [name, inode] : stale_) clean = removeSocket(name, inode, true) && clean;
+    if (clean) Journal::remove(staging_.get());
     journal_.reset();
     staging_.reset();
     unlinkat(root_.get(), stagingName_.c_str(), AT_REMOVEDIR);

@@ -48,7 +48,8 @@ private:
     bool makeSocket(const std::string& staged, mode_t mode, std::string_view topFolder, Socket& made,
                     std::string& reason) REQUIRES(treeLock);
     bool moveIntoPlace(const std::string& staged, std::string_view name, std::string& reason) REQUIRES(treeLock);
-    void removeSocket(std::string_view name, ino_t inode, bool onlyIfDead) REQUIRES(treeLock);
+    bool removeSocket(std::string_view name, ino_t inode, bool onlyIfDead) REQUIRES(treeLock);
+    void removeStale(std::string_view name) REQUIRES(treeLock);
     std::optional<gid_t> groupOf(std::string_view folder) REQUIRES(treeLock);
 
     /// One for all trees of the process: making a folder and removing it when it is empty must not cross.
@@ -59,6 +60,8 @@ private:
     const std::string stagingName_;
     Fd staging_;
     std::optional<Journal> journal_ GUARDED_BY(treeLock);
+    /// Withdrawn sockets that could not be taken out, as on a read-only file system, by name.
+    std::map<std::string, ino_t, std::less<>> stale_ GUARDED_BY(treeLock);
     std::uint64_t counter_ GUARDED_BY(treeLock) = 0;
     std::map<std::string, std::optional<gid_t>, std::less<>> groups_ GUARDED_BY(treeLock);
 };

@@ -1,6 +1,7 @@
 // A process for the tests. Every mode prints one line when it is there and ends at the end of its standard input.
 //
 //   serve NAME NODE...          serves the nodes; "ready", or "refused"
+//   churn NAME NODE...          "ready", then publishes and withdraws the nodes without end
 //   terminate NODE ACTION       "started"; serves the node, which SIGTERM executes the action on, after a byte was
 //   read:
 //                               "ready", and "executed" when it was
@@ -49,6 +50,16 @@ int serve(const std::string& name, const std::vector<std::string>& nodes) {
     return service.stop() ? 0 : 2;
 }
 
+int churn(const std::string& name, const std::vector<std::string>& nodes) {
+    TestService service(name);
+    if (!service.running()) return 1;
+    say("ready");
+    for (std::uint64_t id = 0;; ++id) {
+        for (const std::string& node : nodes) service.add(node, id);
+        for (const std::string& node : nodes) service.remove(node);
+    }
+}
+
 int terminate(const std::string& node, const std::string& action) {
     Proc::takeSignals();
     Services::Nodes::requestOnTermination(String::create(node), String::create(action));
@@ -86,6 +97,7 @@ int main(int argc, char** argv) {
     if (arguments.size() < 3) return 64;
     const std::string& mode = arguments[0];
     if (mode == "serve") return serve(arguments[1], {arguments.begin() + 2, arguments.end()});
+    if (mode == "churn") return churn(arguments[1], {arguments.begin() + 2, arguments.end()});
     if (mode == "terminate") return terminate(arguments[1], arguments[2]);
     if (mode == "limited") {
         const rlim_t descriptors = std::stoul(arguments[1]);
