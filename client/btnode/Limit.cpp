@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <vector>
 
 namespace btnode {
 
@@ -45,12 +46,16 @@ int Limit::pollTime() const {
 }
 
 Ready waitFor(int fd, short events, const Limit& limit) {
+    return waitForAny({fd}, events, limit);
+}
+
+Ready waitForAny(std::initializer_list<int> fds, short events, const Limit& limit) {
+    std::vector<pollfd> entries = {{limit.cancelFd(), POLLIN, 0}};
+    for (const int fd : fds) entries.push_back({fd, events, 0});
     for (;;) {
-        pollfd entries[2] = {{fd, events, 0}, {limit.cancelFd(), POLLIN, 0}};
-        const int time = limit.pollTime();
-        const int count = ::poll(entries, 2, time);
+        const int count = ::poll(entries.data(), entries.size(), limit.pollTime());
         if (count < 0 && errno != EINTR) return Ready::TimedOut;
-        if (count > 0) return entries[1].revents != 0 ? Ready::Interrupted : Ready::Yes;
+        if (count > 0) return entries.front().revents != 0 ? Ready::Interrupted : Ready::Yes;
         if (count == 0 && limit.passed()) return Ready::TimedOut;
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <initializer_list>
 #include <memory>
 
 namespace btnode {
@@ -47,5 +48,8 @@ enum class Ready { Yes, TimedOut, Interrupted };
 /// Waits until the descriptor has one of the poll events, hangs up or fails, or the limit ends it; -1 waits for the
 /// limit only.
 Ready waitFor(int fd, short events, const Limit& limit);
+
+/// The same for several descriptors.
+Ready waitForAny(std::initializer_list<int> fds, short events, const Limit& limit);
 
 }  // namespace btnode

@@ -53,17 +53,24 @@ std::int64_t integerOf(const Tree::Answers& answers, const std::vector<std::stri
     return 0;
 }
 
-/// What an attribute of a device means; empty where its value says it itself.
-std::string explanation(const std::string& name, const Value& value, std::int64_t major) {
+/// An attribute of a device with what it means.
+std::string explained(const std::string& name, const Value& value, std::int64_t major) {
+    std::string meaning;
     if (name == "STATUS") {
-        return value.integer == kStatusBusy ? "busy: pincode shown, cancelling or unpairing"
-                                            : statusWord(value.integer);
+        meaning =
+            value.integer == kStatusBusy ? "busy: pincode shown, cancelling or unpairing" : statusWord(value.integer);
+    } else if (name == "MAJOR_SERVICE_CLASSES") {
+        meaning = joined(majorServiceClasses(value.integer), ", ");
+    } else if (name == "MAJOR_DEVICE_CLASS") {
+        meaning = majorDeviceClass(value.integer);
+    } else if (name == "MINOR_DEVICE_CLASS") {
+        meaning = minorDeviceClass(major, value.integer);
+    } else if (name == "PROFILES" || name == "ACTIVE_PROFILES") {
+        std::vector<std::string> titles;
+        for (const std::uint32_t number : profileNumbers(value)) titles.push_back(profileTitle(number));
+        return joined(titles, ", ");
     }
-    if (name == "MAJOR_SERVICE_CLASSES") return joined(majorServiceClasses(value.integer), ", ");
-    if (name == "MAJOR_DEVICE_CLASS") return majorDeviceClass(value.integer);
-    if (name == "MINOR_DEVICE_CLASS") return minorDeviceClass(major, value.integer);
-    if (name == "PROFILES" || name == "ACTIVE_PROFILES") return joined(profileNames(value), ", ");
-    return {};
+    return plainText(value) + (meaning.empty() ? "" : " (" + meaning + ")");
 }
 
 void printNode(Session& session, const Description& described, const Tree::Answers& answers, bool isDevice) {
@@ -72,10 +79,10 @@ void printNode(Session& session, const Description& described, const Tree::Answe
     const std::int64_t major = integerOf(answers, described.attributes, "MAJOR_DEVICE_CLASS");
     for (std::size_t at = 0; at < described.attributes.size(); ++at) {
         const Value& value = answers[at].front();
-        table.row({"", sanitised(described.attributes[at]), sanitised(plainText(value)),
-                   isDevice ? explanation(described.attributes[at], value, major) : std::string()});
+        const std::string& name = described.attributes[at];
+        table.row({sanitised(name), sanitised(isDevice ? explained(name, value, major) : plainText(value))});
     }
-    if (!described.actions.empty()) table.row({"", "actions", sanitised(joined(described.actions, " "))});
+    if (!described.actions.empty()) table.row({"Actions", sanitised(joined(described.actions, " "))});
     for (const std::string& line : table.lines()) session.out.line("  " + line);
     session.out.flush();
 }

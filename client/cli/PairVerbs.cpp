@@ -17,6 +17,8 @@ namespace {
 // The service keeps the time itself; only when it stays silent for so much longer the client gives up.
 constexpr std::chrono::seconds kGrace{2};
 constexpr std::chrono::seconds kProgressStep{1};
+// Between the end of a pairing and the end of the node of a device that left.
+constexpr std::chrono::milliseconds kLeaving{150};
 
 std::chrono::milliseconds leftOf(Limit::Clock::time_point until) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Limit::Clock::now());
@@ -65,6 +67,7 @@ public:
         if (answer->kind == Value::Kind::Integer && answer->integer == 0) return paired();
         if (answer->kind == Value::Kind::Integer && answer->integer == kResultFailure) {
             if (Limit::Clock::now() < until_) {
+                if (vanishes()) return end(ExitCode::Gone, gone().message);
                 return end(ExitCode::Rejected,
                            "the pairing was rejected: wrong pincode, refused there, or cancelled (33859)");
             }
@@ -122,20 +125,54 @@ private:
     /// stays open until the next question, for a cancel is to find the request in progress.
     Result<Value> ask(const Value& action, const std::string& what) {
         const Limit limit{until_ + kGrace, session_.cancellation};
+        if (Result<Done> watched = watchNode(limit); !watched) return watched.error();
         Result<Node> connected = Node::connect(session_.tree, node_.full, limit);
         if (!connected) return connected.error();
         connection_.emplace(std::move(*connected));
         if (Result<Done> asked = connection_->askToExecute({action}, limit); !asked) return asked.error();
-        while (!limit.passed()) {
+        Ready how = Ready::TimedOut;
+        while (how == Ready::TimedOut && !limit.passed()) {
             progress(what);
             const Limit step{std::min(Limit::Clock::now() + kProgressStep, limit.until), session_.cancellation};
-            if (waitFor(connection_->fd(), POLLIN, step) != Ready::TimedOut) break;
+            how = waitForAny({connection_->fd(), watch_->fd()}, POLLIN, step);
+            if (how == Ready::TimedOut && objectIsGone()) return gone();
+            if (how == Ready::Yes &&
+                waitFor(connection_->fd(), POLLIN, Limit::in(std::chrono::milliseconds(0))) != Ready::Yes) {
+                // A change of its name is of no interest; a request in progress would outlive the node's withdrawal.
+                if (const auto change = watch_->nextChange(limit); !change) return change.error();
+                how = Ready::TimedOut;
+            }
         }
         endProgress();
         Result<std::vector<Value>> results = connection_->takeAnswer(limit);
         if (!results) return results.error();
         if (results->empty()) return gone();
         return results->front();
+    }
+
+    /// A request in progress keeps the device's node in the tree although BlueZ has removed the device.
+    bool objectIsGone() {
+        const Result<Value> address = read("ADDRESS", Limit::in(kProgressStep, session_.cancellation));
+        return !address && (address.error().kind == ErrorKind::Gone || address.error().kind == ErrorKind::NotFound);
+    }
+
+    /// Whether the device is gone, or goes now: one that leaves while it is pairing ends the pairing first.
+    bool vanishes() {
+        const Limit limit = Limit::in(kLeaving, session_.cancellation);
+        while (waitFor(watch_->fd(), POLLIN, limit) == Ready::Yes) {
+            if (!watch_->nextChange(limit)) return true;
+        }
+        return false;
+    }
+
+    /// So that the end of the node is noticed at once.
+    Result<Done> watchNode(const Limit& limit) {
+        if (watch_) return Done{};
+        Result<Node> connected = Node::connect(session_.tree, node_.full, limit);
+        if (!connected) return connected.error();
+        if (Result<Done> watched = connected->watch(limit); !watched) return watched;
+        watch_.emplace(std::move(*connected));
+        return Done{};
     }
 
     void progress(const std::string& what) {
@@ -203,6 +240,7 @@ private:
             if (session_.json()) emit("interrupted");
             return ExitCode::Interrupted;
         }
+        if (error.kind == ErrorKind::Gone) return end(ExitCode::Gone, title_ + " is gone: " + error.message);
         return end(exitCodeOf(error.kind), error.message);
     }
 
@@ -248,6 +286,7 @@ private:
     /// NAME and address, for messages.
     std::string title_;
     std::optional<Node> connection_;
+    std::optional<Node> watch_;
     bool progressShown_ = false;
 };
 

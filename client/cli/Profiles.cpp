@@ -14,15 +14,6 @@ std::vector<std::uint32_t> profileNumbers(const Value& list) {
     return numbers;
 }
 
-std::vector<std::string> profileNames(const Value& list) {
-    std::vector<std::string> names;
-    for (const std::uint32_t number : profileNumbers(list)) {
-        const auto name = profileName(number);
-        names.push_back(name ? std::string(*name) : profileNumberText(number));
-    }
-    return names;
-}
-
 std::string profileNumberText(std::uint32_t number) {
     return fmt::format("0x{:04x}", number);
 }

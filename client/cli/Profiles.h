@@ -10,8 +10,6 @@ namespace btnode::cli {
 
 /// The numbers in a PROFILES or ACTIVE_PROFILES value, in its order.
 std::vector<std::uint32_t> profileNumbers(const Value& list);
-/// Their assigned names; "0xfee0" for a number without one.
-std::vector<std::string> profileNames(const Value& list);
 /// "0x110b"
 std::string profileNumberText(std::uint32_t number);
 /// "Audio Sink (0x110b)", or the number alone.

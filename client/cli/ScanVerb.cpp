@@ -36,6 +36,7 @@ public:
         const ExitCode started = start();
         if (started != ExitCode::Ok) return started;
         const ExitCode code = follow(*watch);
+        if (live_) drawLast();
         const ExitCode stopped = code == ExitCode::Gone ? ExitCode::Ok : stop();
         return code == ExitCode::Ok ? stopped : code;
     }
@@ -128,29 +129,11 @@ private:
     }
 
     bool draw(const std::vector<std::size_t>& touched) {
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(Limit::Clock::now() - begin_);
-        if (touched.empty() && drawnAt_ == seconds) return true;
-        drawnAt_ = seconds;
+        const auto now = elapsed();
+        if (touched.empty() && drawnAt_ == now) return true;
+        drawnAt_ = now;
         const auto [columns, rows] = session_.out.size();
-        Table table;
-        for (const DeviceList::Device& each : list_.devices()) {
-            const bool gone = each.event == DeviceList::Event::Gone;
-            table.row({gone                                     ? "-"
-                       : each.event == DeviceList::Event::Known ? " "
-                                                                : "+",
-                       each.node.address, gone ? "gone" : sanitised(each.words.status),
-                       sanitised(each.words.deviceClass), sanitised(each.words.name)});
-        }
-        std::vector<std::string> lines = table.lines();
-        for (std::size_t at = 0; at < lines.size(); ++at) {
-            lines[at] = clipped(lines[at], columns - 1);
-            const DeviceList::Device& device = list_.devices()[at];
-            if (device.event == DeviceList::Event::Gone) {
-                lines[at] = session_.out.dim(lines[at]);
-            } else if (device.isNew) {
-                lines[at] = session_.out.bold(lines[at]);
-            }
-        }
+        std::vector<std::string> lines = deviceLines(columns - 1);
         // The newest stay in sight: the title, a line for those left out, and the cursor's line are kept free.
         const std::size_t room = rows > 4 ? rows - 3 : 1;
         if (lines.size() > room) {
@@ -158,10 +141,49 @@ private:
             lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(hidden));
             lines.insert(lines.begin(), fmt::format("   ({} more above)", hidden));
         }
-        lines.insert(lines.begin(), clipped(fmt::format("Scanning on {}: {} s, {} device{}", where(), seconds.count(),
-                                                        list_.present(), list_.present() == 1 ? "" : "s"),
-                                            columns - 1));
+        lines.insert(lines.begin(), clipped(title("Scanning"), columns - 1));
         return block_.draw(lines);
+    }
+
+    /// The whole list once more, to stay on the terminal; it also covers the ^C that the terminal wrote.
+    void drawLast() {
+        const std::size_t columns = session_.out.size().columns;
+        std::vector<std::string> lines = deviceLines(columns - 1);
+        lines.insert(lines.begin(), clipped(title("Scanned"), columns - 1));
+        block_.draw(lines);
+    }
+
+    std::chrono::seconds elapsed() const {
+        return std::chrono::floor<std::chrono::seconds>(Limit::Clock::now() - begin_);
+    }
+
+    std::string title(const char* doing) const {
+        return fmt::format("{} on {}: {} s, {} device{}", doing, where(), elapsed().count(), list_.present(),
+                           list_.present() == 1 ? "" : "s");
+    }
+
+    /// New devices are marked with +, those that are gone with -.
+    std::vector<std::string> deviceLines(std::size_t width) const {
+        Table table;
+        for (const DeviceList::Device& each : list_.devices()) {
+            const bool gone = each.event == DeviceList::Event::Gone;
+            table.row({gone         ? "-"
+                       : each.isNew ? "+"
+                                    : " ",
+                       each.node.address, gone ? "gone" : sanitised(each.words.status),
+                       sanitised(each.words.deviceClass), sanitised(each.words.name)});
+        }
+        std::vector<std::string> lines = table.lines();
+        for (std::size_t at = 0; at < lines.size(); ++at) {
+            const DeviceList::Device& device = list_.devices()[at];
+            lines[at] = clipped(lines[at], width);
+            if (device.event == DeviceList::Event::Gone) {
+                lines[at] = session_.out.dim(lines[at]);
+            } else if (device.isNew) {
+                lines[at] = session_.out.bold(lines[at]);
+            }
+        }
+        return lines;
     }
 
     Session& session_;

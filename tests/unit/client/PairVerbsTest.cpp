@@ -178,15 +178,47 @@ TEST_F(PairVerb, CancelsAPairingThatTimedOut) {
     EXPECT_EQ(keyboard().executed(), (Words{"CONNECT", "WAIT_CONNECTED", "DISCONNECT"}));
 }
 
-TEST_F(PairVerb, TellsGone) {
+TEST_F(PairVerb, TellsGoneAtOnceThoughTheRequestIsStillInProgress) {
     answerLater("CONNECT", connectAnswer(0));
     RunningBtnode pair(here({"pair", "Keyboard"}));
     ASSERT_TRUE(keyboard().waitForAction("CONNECT"));
+    // As long as the gate is closed, the withdrawal waits for the request that is being served, and btnode does not.
     std::thread withdrawal([&] { fake_.withdraw(test::deviceNode("00:11:22:33:44:55")); });
     const Ended ended = pair.wait();
     EXPECT_EQ(ended.exitCode(), ExitCode::Gone);
+    EXPECT_TRUE(contains(ended.err, "withdrawn")) << ended.err;
     fake_.gate().open();
     withdrawal.join();
+}
+
+TEST_F(PairVerb, TellsGoneWhenTheDeviceLeavesWhileItIsPairing) {
+    answer("CONNECT", pincodeAnswer("1"));
+    answerLater("WAIT_CONNECTED", test::integerValue("WAIT_CONNECTED", 33859));
+    RunningBtnode pair(here({"pair", "Keyboard"}));
+    ASSERT_TRUE(keyboard().waitForAction("WAIT_CONNECTED"));
+    fake_.gate().open();
+    fake_.withdraw(test::deviceNode("00:11:22:33:44:55"));
+    EXPECT_EQ(pair.wait().exitCode(), ExitCode::Gone);
+}
+
+TEST_F(PairVerb, TellsGoneSoonWhenOnlyTheNodeIsLeftOfTheDevice) {
+    answer("CONNECT", pincodeAnswer("1"));
+    answerLater("WAIT_CONNECTED", test::integerValue("WAIT_CONNECTED", 33859));
+    RunningBtnode pair(here({"pair", "Keyboard"}));
+    ASSERT_TRUE(keyboard().waitForAction("WAIT_CONNECTED"));
+    keyboard().objectGone = true;
+    EXPECT_EQ(pair.wait().exitCode(), ExitCode::Gone);
+    fake_.gate().open();
+}
+
+TEST_F(PairVerb, GoesOnWhenTheDeviceIsRenamedMeanwhile) {
+    answerLater("CONNECT", connectAnswer(0));
+    RunningBtnode pair(here({"pair", "Keyboard"}));
+    ASSERT_TRUE(keyboard().waitForAction("CONNECT"));
+    keyboard().change();
+    keyboard().change();
+    fake_.gate().open();
+    EXPECT_EQ(pair.wait().exitCode(), ExitCode::Ok);
 }
 
 TEST_F(PairVerb, TellsGoneWhenTheDeviceVanishedBehindItsNode) {
