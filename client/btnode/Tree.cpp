@@ -149,7 +149,7 @@ Error Tree::denied(std::string_view node) const {
     struct stat status {};
     const Descriptor folder = openFolder(parent);
     if (!folder || ::fstatat(folder.get(), leaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        error.hint = "A folder above the socket keeps you out.";
+        error.hint = "A folder on the way there keeps you out.";
     } else if ((status.st_mode & S_IWGRP) != 0) {
         const std::string group = groupName(status.st_gid);
         error.message += ", which the group '" + group + "' may use";
@@ -189,7 +189,9 @@ Result<std::vector<NodeName>> Tree::list() const {
     const int folder =
         root ? ::openat(root.get(), std::string(kTreeFolder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
     if (folder < 0) {
-        if (errno == EACCES) return Error{ErrorKind::Denied, "no permission to read " + pathOf(kTreeFolder)};
+        if (errno == EACCES)
+            return Error{ErrorKind::Denied, "no permission to read " + pathOf(kTreeFolder),
+                         "A folder on the way there keeps you out."};
         if (errno == ENOENT || errno == ENOTDIR) return noTree();
         return Error{ErrorKind::System, "cannot read " + pathOf(kTreeFolder) + ": " + std::strerror(errno)};
     }

@@ -117,7 +117,9 @@ void printSection(Session& session, const char* title, const std::vector<Line>& 
     const std::vector<std::string> texts = table.lines();
     for (std::size_t at = 0; at < texts.size(); ++at) {
         const std::string bar = draw ? (last ? "   " : "│  ") : "    ";
-        session.out.line(bar + (draw ? (at + 1 == texts.size() ? "└─ " : "├─ ") : "") + texts[at]);
+        const std::string line = bar + (draw ? (at + 1 == texts.size() ? "└─ " : "├─ ") : "") + texts[at];
+        // A terminal would break a long name over several lines; a pipe gets it whole.
+        session.out.line(session.out.isTerminal() ? clipped(line, session.out.size().columns) : line);
     }
 }
 

@@ -17,6 +17,8 @@ namespace {
 // The service keeps the time itself; only when it stays silent for so much longer the client gives up.
 constexpr std::chrono::seconds kGrace{2};
 constexpr std::chrono::seconds kProgressStep{1};
+// A device may call itself something as long as a page.
+constexpr std::size_t kTitleWidth = 40;
 // Between the end of a pairing and the end of the node of a device that left.
 constexpr std::chrono::milliseconds kLeaving{150};
 
@@ -39,7 +41,8 @@ public:
           until_(Limit::Clock::now() + time_),
           title_(node_.address) {
         Result<Value> name = read("NAME", session_.limit(kCallTime));
-        if (name && !name->text.empty()) title_ = name->text + " (" + node_.address + ")";
+        if (name && !name->text.empty())
+            title_ = clipped(sanitised(name->text), kTitleWidth) + " (" + node_.address + ")";
     }
 
     ExitCode pair() {
@@ -119,7 +122,13 @@ private:
         return values->front();
     }
 
-    Error gone() const { return {ErrorKind::Gone, node_.full + " is gone: BlueZ no longer knows the device"}; }
+    Error gone() const { return {ErrorKind::Gone, title_ + " is gone: BlueZ no longer knows the device"}; }
+
+    /// An error of the connection, with the device that it is about.
+    Error ofDevice(const Error& error) const {
+        if (error.kind != ErrorKind::Gone) return error;
+        return {ErrorKind::Gone, title_ + " is gone: " + error.message};
+    }
 
     /// Executes an action that takes its time, with a line on the terminal that tells that it does. The connection
     /// stays open until the next question, for a cancel is to find the request in progress.
@@ -139,13 +148,13 @@ private:
             if (how == Ready::Yes &&
                 waitFor(connection_->fd(), POLLIN, Limit::in(std::chrono::milliseconds(0))) != Ready::Yes) {
                 // A change of its name is of no interest; a request in progress would outlive the node's withdrawal.
-                if (const auto change = watch_->nextChange(limit); !change) return change.error();
+                if (const auto change = watch_->nextChange(limit); !change) return ofDevice(change.error());
                 how = Ready::TimedOut;
             }
         }
         endProgress();
         Result<std::vector<Value>> results = connection_->takeAnswer(limit);
-        if (!results) return results.error();
+        if (!results) return ofDevice(results.error());
         if (results->empty()) return gone();
         return results->front();
     }
@@ -240,7 +249,6 @@ private:
             if (session_.json()) emit("interrupted");
             return ExitCode::Interrupted;
         }
-        if (error.kind == ErrorKind::Gone) return end(ExitCode::Gone, title_ + " is gone: " + error.message);
         return end(exitCodeOf(error.kind), error.message);
     }
 
