@@ -23,10 +23,11 @@ public:
     static void leaveSignals();
 
     /// What to do when one of these signals arrives: called on the host's signal thread, at once for one that came
-    /// before, and without a lock. It returns false when the request could not be delivered yet: then the main thread's
-    /// waits are ended (Interrupt::Level::End), as they are when there is no function, and the request stays pending
-    /// until the next signal or deliverTermination(). Signals that come while it is pending are one request with it;
-    /// after it was delivered they are without effect. The function must stay callable to the end of the process.
+    /// before, and without a lock. It returns false when the request could not be delivered yet: then, after a moment,
+    /// the main thread's waits are ended (Interrupt::Level::End), as they are when there is no function, and the
+    /// request stays pending until the next signal or deliverTermination(). Signals that come while it is pending are
+    /// one request with it; after it was delivered they are without effect. The function must stay callable to the end
+    /// of the process.
     static void onTermination(std::function<bool()> deliver);
     /// Tries a pending request again, on the calling thread, or has the thread try again that is just trying. The main
     /// thread's interrupt is reset when it is delivered. Any thread but not from within the function itself.

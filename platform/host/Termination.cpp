@@ -2,15 +2,21 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <system_error>
 #include <utility>
 
+#include "platform/host/SysLog.h"
+
 namespace {
 
 /// How long the end of the process waits for the signal thread.
 constexpr auto kLeavePatience = std::chrono::milliseconds(200);
+/// How long a request waits for a start that goes on, before the main thread's waits are ended: most starts are ready
+/// by then and end the way a running process does.
+constexpr auto kStartPatience = std::chrono::milliseconds(400);
 
 /// Whether the parent wants the process to survive the end of its terminal.
 bool hangupIsIgnored() noexcept {
@@ -65,18 +71,39 @@ void Termination::leaveSignals() {
 
 /// A signal from outside makes the request; the host's own, sent to this very thread, asks to try again or to end.
 void Termination::signalLoop() {
+    SysLog::thdName(String::create("Signals"));
     for (;;) {
         siginfo_t info{};
-        if (sigwaitinfo(&signals_, &info) < 0) continue;  // EINTR: the process was stopped and went on
-        const bool own = info.si_code == SI_TKILL && info.si_pid == getpid();
-        if (!own) request();
-        tryDeliver();
+        if (awaitSignal(info)) {
+            const bool own = info.si_code == SI_TKILL && info.si_pid == getpid();
+            if (!own) request();
+            tryDeliver();
+        }
         const MutexLock lock(mutex_);
+        if (pending_ && patienceEnds_ && *patienceEnds_ <= Clock::now()) {
+            patienceEnds_.reset();
+            mainInterrupt_.raise(Interrupt::Level::End);
+        }
         if (!leaving_) continue;
         signalLoop_.reset();
         loopEnded_.notify_all();
         return;
     }
+}
+
+/// False when the patience with a start has ended first.
+bool Termination::awaitSignal(siginfo_t& info) {
+    std::optional<Clock::time_point> until;
+    {
+        const MutexLock lock(mutex_);
+        if (pending_) until = patienceEnds_;
+    }
+    // Interrupted calls (EINTR: the process was stopped and went on) come back as a round without a signal.
+    if (!until) return sigwaitinfo(&signals_, &info) > 0;
+    const auto left = std::max(std::chrono::nanoseconds(0), std::chrono::nanoseconds(*until - Clock::now()));
+    timespec patience{};
+    patience.tv_nsec = static_cast<long>(left.count());  // less than a second, as kStartPatience is
+    return sigtimedwait(&signals_, &info, &patience) > 0;
 }
 
 void Termination::request() {
@@ -115,8 +142,8 @@ void Termination::tryDeliver() {
             pending_ = false;
             delivered_ = true;
             mainInterrupt_.reset();
-        } else if (!again_) {
-            mainInterrupt_.raise(Interrupt::Level::End);
+        } else if (!patienceEnds_) {
+            patienceEnds_ = Clock::now() + kStartPatience;
         }
     }
     trying_ = false;

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <functional>
@@ -14,7 +15,8 @@
 
 /// The request to end the process, which SIGTERM, SIGINT and SIGHUP make. However many signals there are, it is one:
 /// made by the first, pending until it is delivered; once delivered, later signals ask for nothing more. A delivery is
-/// tried by one thread at a time, without a lock; who comes meanwhile has that thread try once more.
+/// tried by one thread at a time, without a lock; who comes meanwhile has that thread try once more. A request that
+/// cannot be delivered, because the process still starts, ends the main thread's waits after a short patience.
 class Termination {
 public:
     /// The one of the process, which lives to its end.
@@ -32,8 +34,11 @@ public:
     Interrupt& mainInterrupt() noexcept { return mainInterrupt_; }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     Termination() = default;
     void signalLoop();
+    bool awaitSignal(siginfo_t& info);
     void request();
     void pokeSignalThread() REQUIRES(mutex_);
 
@@ -46,6 +51,7 @@ private:
     std::condition_variable loopEnded_;
     std::optional<pthread_t> signalLoop_ GUARDED_BY(mutex_);  // set while the thread is in signalLoop()
     std::function<bool()> deliver_ GUARDED_BY(mutex_);
+    std::optional<Clock::time_point> patienceEnds_ GUARDED_BY(mutex_);  // set once, at the first failed delivery
     bool leaving_ GUARDED_BY(mutex_) = false;
     bool pending_ GUARDED_BY(mutex_) = false;
     bool delivered_ GUARDED_BY(mutex_) = false;
