@@ -53,7 +53,10 @@ void addControl(Session& session, const NodeName& node, const Limit& limit, List
         listing.control.push_back({node, {"(no permission)"}, std::move(object)});
         return;
     }
+    if (!session.tree.has(node.full)) return;
     listing.note(described.error());
+    object["actions"] = nullptr;
+    listing.control.push_back({node, {"?"}, std::move(object)});
 }
 
 /// Reads the nodes of a kind; those that vanish meanwhile are left out.
