@@ -31,7 +31,7 @@ std::uint64_t nodeId(const Ref<String>& path) {
     return checksum->value() & 0xFFFFFFFFu;
 }
 
-/// Publishes the device's node. It lives as long as the device.
+/// Publishes the device's node, until the device is removed or released.
 void publish(const Device& device, std::uint64_t serviceHandle, std::uint64_t id) {
     // BlueZ's word, but it becomes a folder.
     if (!Services::Nodes::isComponent(device.getAddress()->view())) {
@@ -81,6 +81,9 @@ bool Devices::removeDevice(Ref<String> path) {
     const Ref<Device> device = std::move(found->second);
     entries_.erase(found);
     LogRecord(1, Log::registry) << "Device removed: " << path;
+    // A request in progress may keep the device for long, a pairing that BlueZ does not answer for one; its name in the
+    // tree is free for a device that BlueZ announces anew.
+    device->server().withdraw();
     return true;
 }
 

@@ -35,8 +35,13 @@ Ref<DeviceServer> DeviceServer::create() {
 DeviceServer::DeviceServer() : state_(std::make_unique<State>()) {}
 
 DeviceServer::~DeviceServer() {
+    withdraw();
+}
+
+void DeviceServer::withdraw() {
     const Services::Nodes::Lock lock(state_->lock);
     for (const Ref<Services::Nodes::Node>& node : state_->nodes) node->withdraw(false);
+    state_->nodes.clear();
 }
 
 void DeviceServer::enter(const Ref<String>& name, const Ref<DeviceNode>& node) {

@@ -33,6 +33,9 @@ public:
     /// Publishes the node under its path in the tree. What stands in its place and is no socket of ours stays, a name
     /// that cannot be a path leaves the node out; both with a log line. Any thread.
     void enter(const Ref<String>& name, const Ref<DeviceNode>& node);
+    /// Withdraws the nodes before the server goes: for an owner whose requests in progress keep it alive. Never waits.
+    /// Any thread.
+    void withdraw();
     /// Tells every watch of the nodes of a change. Never waits. Any thread.
     void changed(std::uint64_t argument);
 
