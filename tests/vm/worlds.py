@@ -9,12 +9,13 @@ import pathlib
 import signal
 import subprocess
 import sys
+import tempfile
 import termios
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "scenario"))
 
-from harness.dbus import BusConnection, BusError, Monitor  # noqa: E402
-from harness.process import Service  # noqa: E402
+from harness.dbus import BusConnection, BusError, Monitor, PrivateBus  # noqa: E402
+from harness.process import BIN, Service  # noqa: E402
 from harness.waiting import Record, wait_until  # noqa: E402
 from jeepney.low_level import MessageType  # noqa: E402
 
@@ -189,7 +190,12 @@ class Bluetoothd(World):
             self._daemon = subprocess.Popen(self.DAEMON, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         wait_until(lambda: self.user.call_bus("NameHasOwner", "s", ("org.bluez",)).args[0], "org.bluez on the bus", 20)
 
+    def set_powered(self, adapter, on):
+        super().set_powered(adapter, on)
+        self._role = None  # a power cycle forgets some of it
+
     def stop_bluez(self, sig=signal.SIGTERM):
+        self._role = None
         if self._daemon is not None:
             self._daemon.send_signal(sig)
             self._daemon.wait(10)
@@ -269,6 +275,85 @@ class Bluetoothd(World):
         super().close()
 
 
+class SimulatedUser:
+    """The user of the remote device, who types at the simulator's keyboard."""
+
+    def __init__(self, world):
+        self._world = world
+
+    def type(self, pincode):
+        if pincode is ...:
+            return
+        # Whoever rejects types nothing that fits.
+        code = "rejected" if pincode is None else pincode
+        self._world.control("TypePinCode", "os", SECOND_PATH, code)
+
+    def close(self):
+        """Nothing of its own."""
+
+
+class Simulator(World):
+    """bluez-simulator on a private bus."""
+
+    name = "simulator"
+
+    def __init__(self, out):
+        self._folder = tempfile.TemporaryDirectory(prefix="btn-")
+        self._own_bus = PrivateBus(pathlib.Path(self._folder.name))
+        super().__init__(self._own_bus, out)
+        self._process = None
+        self._plugged = False
+
+    def control(self, member, signature="", *body):
+        return self.user.call("org.bluez", "/com/kelvo/simulator", "com.kelvo.simulator1", member, signature, body)
+
+    def start_bluez(self):
+        with open(self.out / "simulator.log", "ab") as log:
+            self._process = subprocess.Popen([BIN / "bluez-simulator", "--bus", self.bus.address, "-vv"],
+                                             stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        wait_until(lambda: self.user.call_bus("NameHasOwner", "s", ("org.bluez",)).args[0], "org.bluez on the bus", 20)
+        self._plugged = True
+
+    def stop_bluez(self, sig=signal.SIGTERM):
+        if self._process is not None:
+            self._process.send_signal(sig)
+            self._process.wait(10)
+            self._process = None
+
+    def plug(self):
+        for name, address in (("hci0", FIRST), ("hci1", SECOND)):
+            self.control("AddAdapter", "ssa{sv}", name, address, {})
+        self._plugged = True
+
+    def unplug(self):
+        for name in ("hci0", "hci1"):
+            self.control("RemoveAdapter", "o", f"/org/bluez/{name}")
+        self._plugged = False
+
+    def prepare(self, role=None):
+        if self._process is None:
+            self.start_bluez()
+        if not self._plugged:
+            self.plug()
+        self.control("Reset")
+        self.wait_controllers()
+        if role is not None:
+            self.control("PutInRange", "ossua{sv}", "/org/bluez/hci0", SECOND, role, 100, {})
+            self.other_side = SimulatedUser(self)
+
+    def reset(self):
+        self.stop_bluez(signal.SIGKILL)
+
+    def recover(self):
+        self.reset()
+
+    def close(self):
+        self.reset()
+        super().close()
+        self._own_bus.stop()
+        self._folder.cleanup()
+
+
 class SuiteService(Service):
     """The service, with what the suite wants to know of it."""
 
@@ -284,4 +369,4 @@ class SuiteService(Service):
 
 
 def make(name, out):
-    return {"bluetoothd": Bluetoothd}[name](out)
+    return {"bluetoothd": Bluetoothd, "simulator": Simulator}[name](out)
