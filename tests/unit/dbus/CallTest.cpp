@@ -145,29 +145,54 @@ TEST_F(Call, OnAClosedConnectionFailsAtOnce) {
     EXPECT_FALSE(DBus::dbus_connection_send(connection_, methodCall("Answer").get(), nullptr));
 }
 
-/// How long each of the calls took, in ascending order.
-std::vector<Clock::duration> timeCalls(DBus::DBusConnection* connection, int number) {
-    std::vector<Clock::duration> took;
-    for (int i = 0; i < number; ++i) {
+/// The 99th percentile of what 2,000 calls took.
+template <class MakeCall>
+Clock::duration timeCalls(MakeCall makeCall) {
+    std::vector<Clock::duration> took(2000);
+    for (auto& duration : took) {
         const auto start = Clock::now();
-        EXPECT_TRUE(callPeer(connection, "Answer"));
-        took.push_back(Clock::now() - start);
+        EXPECT_TRUE(makeCall());
+        duration = Clock::now() - start;
     }
     std::sort(took.begin(), took.end());
-    return took;
+    return took[took.size() * 99 / 100];
 }
 
-/// 2,000 calls of a request thread take less than 5 ms at the 99th percentile. The machine that runs the tests may be
-/// busy with other things; then one round of five is enough. What the test is after costs hundreds of milliseconds
-/// each.
-void expectFastCalls(DBus::DBusConnection* connection) {
-    Clock::duration best = Clock::duration::max();
-    for (int round = 0; round < 5 && best >= milliseconds(5); ++round) {
-        const auto took = std::async(std::launch::async, timeCalls, connection, 2000).get();
-        best = std::min(best, took[took.size() * 99 / 100]);
+/// libdbus's own connection, used by one thread only.
+class PlainConnection {
+public:
+    PlainConnection() : connection_(::dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr)) {
+        ::dbus_connection_set_exit_on_disconnect(connection_, FALSE);
     }
-    ::testing::Test::RecordProperty("p99_us", std::to_string(std::chrono::nanoseconds(best).count() / 1000));
-    EXPECT_LT(best, milliseconds(5));
+    ~PlainConnection() {
+        ::dbus_connection_close(connection_);
+        ::dbus_connection_unref(connection_);
+    }
+    PlainConnection(const PlainConnection&) = delete;
+    PlainConnection& operator=(const PlainConnection&) = delete;
+    bool call() const {
+        return DBus::MessagePtr(::dbus_connection_send_with_reply_and_block(connection_, methodCall("Answer").get(), -1,
+                                                                            nullptr)) != nullptr;
+    }
+
+private:
+    ::DBusConnection* const connection_;
+};
+
+/// The calls of a request thread take less than 5 ms at the 99th percentile. On a machine so busy that plain libdbus,
+/// with one thread, takes more than that, thrice what plain libdbus takes; what this is after costs 400 ms each.
+void expectFastCalls(DBus::DBusConnection* connection) {
+    const PlainConnection plain;
+    const auto usual = timeCalls([&] { return plain.call(); });
+    const auto calls = [&] { return timeCalls([&] { return callPeer(connection, "Answer") != nullptr; }); };
+    const auto ours = std::async(std::launch::async, calls).get();
+    const auto micros = [](Clock::duration time) {
+        return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+    };
+    ::testing::Test::RecordProperty("p99_us", micros(ours));
+    ::testing::Test::RecordProperty("plain_p99_us", micros(usual));
+    EXPECT_LT(ours, std::max<Clock::duration>(milliseconds(5), 3 * usual))
+        << micros(ours) << " us, plain " << micros(usual) << " us";
 }
 
 TEST_F(Call, TakesARoundTripOnAQuietBus) {

@@ -18,13 +18,13 @@ struct BusValue;
 /// a{sv}, in the order given.
 using BusDict = std::vector<std::pair<std::string, BusValue>>;
 
-/// One D-Bus value of the types that the tests need. A text literal must be wrapped: std::string("x").
+/// One D-Bus value of the types that the tests need.
 struct BusValue {
     using Any = std::variant<bool, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t, std::int64_t,
                              std::uint64_t, double, std::string, ObjectPath, std::vector<std::string>,
                              std::vector<ObjectPath>, BusDict>;
 
-    template <class T>
+    template <class T, class = decltype(Any(std::in_place_type<T>, std::declval<T>()))>
     BusValue(T value) : any(std::move(value)) {}
     BusValue(const char* text) : any(std::string(text)) {}
 

@@ -245,6 +245,10 @@ FakePeer::Message FakePeer::call(const std::string& destination, const std::stri
     const Message message =
         own(::dbus_message_new_method_call(destination.c_str(), path.c_str(), interface.c_str(), member.c_str()));
     fill(message.get(), build);
+    return call(message, limit);
+}
+
+FakePeer::Message FakePeer::call(Message message, std::chrono::milliseconds limit) {
     const auto answer = std::make_shared<std::promise<Message>>();
     auto future = answer->get_future();
     post([this, message, answer] {

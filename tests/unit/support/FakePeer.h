@@ -91,7 +91,9 @@ public:
     /// Calls a method and waits for the answer, an error included; null when none comes within the limit.
     Message call(const std::string& destination, const std::string& path, const std::string& interface,
                  const std::string& member, const Build& build = {}, std::chrono::milliseconds limit = kPatience);
-    /// Sends any message as it is. Null: none, as with a call to wait for.
+    /// As call(), with a message of the test's own.
+    Message call(Message message, std::chrono::milliseconds limit = kPatience);
+    /// Sends any message as it is.
     void send(Message message);
     /// Returns when everything that was given to this peer before is written to the bus.
     void flush();
