@@ -13,7 +13,16 @@ note() { printf '%s%s%s\n' "$blue" "$*" "$plain"; }
 title() { printf '\n%s# %s%s\n' "$bold" "$*" "$plain"; }
 
 # A command as somebody would have typed it.
-prompt() { printf '%s$ %s%s\n' "$bold" "$*" "$plain"; }
+prompt() {
+    local word text=
+    for word; do
+        case $word in
+            *[\'\ ]*) text+=" \"$word\"" ;;
+            *) text+=" $word" ;;
+        esac
+    done
+    printf '%s$%s%s\n' "$bold" "$text" "$plain"
+}
 
 # What the service logged since the last time, without the time of day.
 shown=0
