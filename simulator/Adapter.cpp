@@ -58,22 +58,19 @@ const MethodTable<Adapter>& Adapter::methods() {
     return kMethods;
 }
 
-bool Adapter::write(const std::string& property, const Value& value) {
-    constexpr std::string_view kFlags[] = {"Discoverable", "Pairable"};
-    constexpr std::string_view kTimeouts[] = {"DiscoverableTimeout", "PairableTimeout"};
-    const auto isIn = [&](const auto& names) {
-        return std::find(std::begin(names), std::end(names), property) != std::end(names);
-    };
-    if (property == "Powered" && value.type() == 'b') {
+char Adapter::writableType(const std::string& property) {
+    if (property == "Alias") return 's';
+    if (property == "Powered" || property == "Discoverable" || property == "Pairable") return 'b';
+    if (property == "DiscoverableTimeout" || property == "PairableTimeout") return 'u';
+    return '\0';
+}
+
+void Adapter::write(const std::string& property, const Value& value) {
+    if (property == "Powered") {
         setPowered(value.isTrue());
-        return true;
-    }
-    if ((property == "Alias" && value.type() == 's') || (isIn(kFlags) && value.type() == 'b') ||
-        (isIn(kTimeouts) && value.type() == 'u')) {
+    } else {
         set(property.c_str(), value);
-        return true;
     }
-    return false;
 }
 
 bool Adapter::isPowered() const {

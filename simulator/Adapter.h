@@ -24,8 +24,10 @@ public:
     const std::string& path() const { return path_; }
 
     static const MethodTable<Adapter>& methods();
-    /// Properties.Set of a property that bluetoothd lets clients write. False when it does not.
-    bool write(const std::string& property, const Value& value);
+    /// The type of a property that clients may write, 0 when they may not.
+    static char writableType(const std::string& property);
+    /// Properties.Set of such a property with a value of that type.
+    void write(const std::string& property, const Value& value);
     /// The client's discovery and its pairings end.
     void clientGone(const std::string& client);
 

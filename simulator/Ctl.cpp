@@ -8,6 +8,7 @@
 #include "simulator/Bus.h"
 #include "simulator/Control.h"
 #include "simulator/Loop.h"
+#include "simulator/Program.h"
 #include "simulator/ValueText.h"
 
 namespace Simulator {
@@ -15,11 +16,6 @@ namespace Simulator {
 namespace {
 
 constexpr milliseconds kPatience{150000};  // longer than an agent may take
-
-int complain(const std::string& text, int exitCode) {
-    fmt::print(stderr, "bluez-simulator: {}\n", text);
-    return exitCode;
-}
 
 /// "add-device" for "AddDevice".
 std::string wordFor(const std::string& member) {

@@ -90,14 +90,15 @@ const MethodTable<Device>& Device::methods() {
     return kMethods;
 }
 
-bool Device::write(const std::string& property, const Value& value) {
-    const bool isAlias = property == "Alias" && value.type() == 's';
-    const bool isFlag = (property == "Trusted" || property == "Blocked") && value.type() == 'b';
-    if (!isAlias && !isFlag) return false;
+char Device::writableType(const std::string& property) {
+    if (property == "Alias") return 's';
+    return property == "Trusted" || property == "Blocked" ? 'b' : '\0';
+}
+
+void Device::write(const std::string& property, const Value& value) {
     // An empty alias brings the name back that the device gives itself.
-    const bool isReset = isAlias && value.text().empty();
+    const bool isReset = property == "Alias" && value.text().empty();
     world_.objects.set(path_, kDevice1, property, isReset ? Value::string(model_.alias) : value);
-    return true;
 }
 
 bool Device::isTrue(const char* property) const {

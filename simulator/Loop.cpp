@@ -47,7 +47,7 @@ std::unique_ptr<Loop> Loop::create() {
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     // sd-event reads signals from a descriptor, which gets only what is blocked.
-    if (sigprocmask(SIG_BLOCK, &signals, nullptr) < 0) return nullptr;
+    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return nullptr;
     sd_event* event = nullptr;
     if (sd_event_new(&event) < 0) return nullptr;
     std::unique_ptr<Loop> loop(new Loop(event));

@@ -83,13 +83,21 @@ void Simulation::setProperty(const Call& call) {
     }
     Adapter* ownAdapter = interface == kAdapter1 ? adapter(path) : nullptr;
     Device* ownDevice = interface == kDevice1 ? device(path) : nullptr;
-    const bool isPower = ownAdapter && property == "Powered" && value.type() == 'b';
-    if (isPower) call.reply();  // bluetoothd answers before it tells that the power changed
-    if (isPower && ownAdapter->write(property, value)) return;
-    if ((ownAdapter && ownAdapter->write(property, value)) || (ownDevice && ownDevice->write(property, value))) {
-        return call.reply();
+    const char type = ownAdapter ? Adapter::writableType(property) : ownDevice ? Device::writableType(property) : '\0';
+    if (!type) {
+        return call.fail("org.freedesktop.DBus.Error.PropertyReadOnly",
+                         fmt::format("Property '{}' is not writable", property));
     }
-    call.fail("org.freedesktop.DBus.Error.PropertyReadOnly", fmt::format("Property '{}' is not writable", property));
+    if (value.signature() != std::string(1, type)) {
+        return call.fail("org.freedesktop.DBus.Error.InvalidSignature",
+                         fmt::format("Invalid signature for '{}'", property));
+    }
+    if (ownDevice) ownDevice->write(property, value);
+    // bluetoothd answers before it tells that the power changed, and after it told any other change.
+    const bool isPower = ownAdapter && property == "Powered";
+    if (isPower) call.reply();
+    if (ownAdapter) ownAdapter->write(property, value);
+    if (!isPower) call.reply();
 }
 
 void Simulation::clientGone(const std::string& client) {
