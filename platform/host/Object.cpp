@@ -19,7 +19,6 @@ void RefCount::incRef() const noexcept {
 void RefCount::decRef() const noexcept {
     if (count_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     count_.store(kDying, std::memory_order_relaxed);
-    if (GcProxy* const proxy = proxy_.load(std::memory_order_acquire)) proxy->clear();
     delete this;
 }
 
@@ -48,8 +47,7 @@ RefCount::~RefCount() {
     assert((count == 0 || count == kDying) && "destroyed while somebody refers to it");
     GcProxy* proxy = proxy_.load(std::memory_order_acquire);
     if (!proxy) return;
-    // Again: a constructor that threw, an object on the stack and a proxy made by the destructor come only here.
-    proxy->clear();
+    proxy->clear();  // waits for a thread that is looking at the count
     proxy->decRef();
 }
 

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <barrier>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 #include "platform/host/Mon.h"
@@ -174,6 +176,27 @@ TEST(Interrupt, LeavesOtherThreadsThatWaitForTheSameAlone) {
     sem->post();
     other.join();
     EXPECT_TRUE(otherAnswer);
+}
+
+/// The waiter has looked at the level and does not wait yet: raise() must not be through with its notification before.
+TEST(Interrupt, IsNotLostBetweenTheLookAtItAndTheWait) {
+    Interrupt token;
+    const Interrupt::Bind bind(token);
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::thread raiser;
+    bool woken = false;
+    {
+        const Interrupt::Waiting waiting(mutex, wake);
+        std::unique_lock<std::mutex> lock(mutex);
+        EXPECT_FALSE(Interrupt::raised(Level::Unheard));
+        raiser = std::thread([&] { token.raise(Level::End); });
+        while (token.level() == Level::None) std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // time for a raiser that does not wait for us
+        woken = wake.wait_for(lock, std::chrono::seconds(20)) == std::cv_status::no_timeout;
+    }
+    raiser.join();
+    EXPECT_TRUE(woken);
 }
 
 /// Raised at whatever moment of the way into a wait, the interrupt ends it: a lost one would hang the test.
