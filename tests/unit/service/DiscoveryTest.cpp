@@ -268,7 +268,7 @@ TEST_F(DiscoveryBySignal, AddsADeviceAndRemovesItByAnInterfaceAfterOthers) {
     EXPECT_TRUE(isPublished(kDeviceNode));
     bluez_.withdraw(kDevicePath, {"org.freedesktop.DBus.Properties", "org.bluez.Battery1", FakeBluez::kDevice});
     ASSERT_TRUE(log_.waitFor(std::string("1 Device removed: ") + kDevicePath));
-    EXPECT_FALSE(isPublished(kDeviceNode));
+    EXPECT_TRUE(waitUntil([] { return !isPublished(kDeviceNode); }));
 }
 
 TEST_F(DiscoveryBySignal, ARemovalOfOtherInterfacesChangesNothingAndIsHandled) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 
 #include "platform/host/SysLog.h"
@@ -72,17 +73,20 @@ TEST_F(Lifecycle, PublishesNodesWhileItRunsAndNoneAfterwards) {
 }
 
 TEST_F(Lifecycle, AStopEndsAQuietServiceAtOnce) {
-    start();
-    const auto begin = steady_clock::now();
-    (*service_)->requestStop();
-    ASSERT_TRUE(service_->waitForEnd());
-    // The loop's wait alone would take up to 500 ms; the service has been quiet for less than that.
-    EXPECT_THAT(steady_clock::now() - begin, Lt(450ms));
+    // A loop that only noticed the stop after its wait would take 500 ms each time.
+    auto shortest = steady_clock::duration::max();
+    for (int round = 0; round < 5; ++round) {
+        start();
+        const auto begin = steady_clock::now();
+        service_->stop();
+        shortest = std::min(shortest, steady_clock::now() - begin);
+    }
+    EXPECT_THAT(shortest, Lt(450ms));
 }
 
 TEST_F(Lifecycle, TwoStopsAreOne) {
     start();
-    (*service_)->requestStop();
+    service_->requestStop();
     service_->stop();
     EXPECT_EQ(log_.count("1 Service terminated"), 1u);
 }
@@ -116,7 +120,7 @@ TEST_F(Lifecycle, TheLossOfTheBusEndsBlockedRequests) {
     client.sendExecute("INQUIRY_START");
     ASSERT_TRUE(bluez_->takeHeld());
     bus_.kill();
-    EXPECT_TRUE(service_->waitForEnd(5s));
+    EXPECT_TRUE(service_->waitForEnd(stretched(5s)));
 }
 
 TEST_F(Lifecycle, AStopEndsBlockedRequestsAndAnswersItsOwn) {
@@ -127,7 +131,7 @@ TEST_F(Lifecycle, AStopEndsBlockedRequestsAndAnswersItsOwn) {
     client.sendExecute("INQUIRY_START");
     ASSERT_TRUE(bluez_->takeHeld());
     EXPECT_THAT(NodeClient("bluetooth/service").execute("STOP"), HasSubstr("STOP"));
-    EXPECT_TRUE(service_->waitForEnd(5s));
+    EXPECT_TRUE(service_->waitForEnd(stretched(5s)));
     EXPECT_EQ(client.receive(), "") << "closed unanswered";
 }
 
@@ -158,7 +162,7 @@ TEST_F(Lifecycle, WaitsOneSecondForBluezsObjects) {
     bluez_->on(FakeBluez::kManager, "GetManagedObjects", FakePeer::silent());
     const auto begin = steady_clock::now();
     expectNotInitialised();
-    EXPECT_THAT(steady_clock::now() - begin, AllOf(Ge(1000ms), Lt(2500ms)));
+    EXPECT_THAT(steady_clock::now() - begin, AllOf(Ge(1000ms), Lt(10s)));
     EXPECT_THAT(log_.records(), Contains(StartsWith("4 Failed to obtain managed objects: ")));
 }
 

@@ -36,12 +36,15 @@ void RunningService::live(std::promise<Start> started) {
     end_.set_value();
 }
 
+void RunningService::requestStop() {
+    // Under the lock the service is not released: a client's STOP keeps it in the same way until it is answered.
+    const std::lock_guard guard(lock_);
+    if (service_) service_->requestStop();
+}
+
 void RunningService::stop() {
     if (!thread_.joinable()) return;
-    {
-        const std::lock_guard guard(lock_);
-        if (service_) service_->requestStop();
-    }
+    requestStop();
     thread_.join();
 }
 

@@ -28,6 +28,8 @@ public:
     /// Only while it runs.
     Services::Bluetooth::Linux::Service* operator->() const { return service_; }
 
+    /// As a client's STOP does; without effect when it has ended already.
+    void requestStop();
     /// Requests a stop and waits for the end.
     void stop();
     /// Waits until the service is released; false when it is not within the limit.
