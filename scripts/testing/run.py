@@ -62,14 +62,14 @@ def quick(run):
 def full(run):
     run.leg("formatting", runners.formatting)
     quick(run)
-    run.leg("debug: build and unit tests", lambda: runners.build("debug"), lambda: runners.unit("debug"))
     run.leg("valgrind: short scenarios",
-            lambda: runners.scenarios("debug", "-m", "short", env=VALGRIND, workers=JOBS))
+            lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS))
     run.leg("asan: build and unit tests", lambda: runners.build("asan"), lambda: runners.unit("asan", ASAN))
     run.leg("asan: scenarios", lambda: runners.scenarios("asan", env=ASAN))
     run.leg("tsan: build and unit tests", lambda: runners.build("tsan"), lambda: runners.unit("tsan", TSAN))
     run.leg("tsan: scenarios", lambda: runners.scenarios("tsan", env=TSAN))
-    run.leg("clang: build, clang-tidy", lambda: runners.build("clang"), lambda: runners.clang_tidy("clang"))
+    run.leg("clang: build, clang-tidy", lambda: runners.build("clang", "-DBTN_TESTS=OFF"),
+            lambda: runners.clang_tidy("clang"))
     if runners.has_preset("fuzz"):
         run.leg("fuzzers", lambda: runners.build("fuzz"), lambda: runners.fuzzers("fuzz", FUZZ_SECONDS))
     if (ROOT / "tests/vm/run").exists():
