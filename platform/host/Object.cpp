@@ -32,14 +32,11 @@ bool RefCount::incRefUnlessGone() const noexcept {
 
 Ref<GcProxy> RefCount::gcProxy() const {
     GcProxy* proxy = proxy_.load(std::memory_order_acquire);
-    if (!proxy) {
-        Ref<GcProxy> made(new GcProxy(this));
-        if (proxy_.compare_exchange_strong(proxy, made.get(), std::memory_order_acq_rel)) {
-            proxy = made.get();
-            proxy->incRef();  // the object's own
-        }
-    }
-    return Ref<GcProxy>(proxy);
+    if (proxy) return Ref<GcProxy>(proxy);
+    Ref<GcProxy> made(new GcProxy(this));
+    if (!proxy_.compare_exchange_strong(proxy, made.get(), std::memory_order_acq_rel)) return Ref<GcProxy>(proxy);
+    made->incRef();  // the object's own
+    return made;
 }
 
 RefCount::~RefCount() {
