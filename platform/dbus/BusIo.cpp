@@ -104,34 +104,39 @@ bool BusIo::connect(DBusBusType type) {
         ::dbus_connection_set_max_received_size(bus, LONG_MAX);
         ::dbus_connection_set_max_received_unix_fds(bus, LONG_MAX);
     }
-    bool abandoned = false;
+    State state{};
     {
         const MutexLock lock(lock_);
-        abandoned = state_ == State::Abandoned;
-        if (!bus) {
-            openError_ = error;
-            state_ = State::Failed;
-        } else if (!abandoned) {
-            bus_ = bus;
-            state_ = State::Open;
-            connected_.store(true);
-        }
+        if (!bus) openError_ = error;
+        if (state_ == State::Opening) state_ = adopt(bus);
+        state = state_;
     }
     opened_.notify_all();
-    if (bus && abandoned) {
+    if (bus && state != State::Open) {
         ::dbus_connection_close(bus);
         ::dbus_connection_unref(bus);
     }
-    return bus && !abandoned;
+    return state == State::Open;
+}
+
+BusIo::State BusIo::adopt(::DBusConnection* bus) {
+    if (!bus) return State::Failed;
+    if (!watches_.attach(bus)) {
+        Errors::set(&openError_, Errors::kNoMemory);
+        return State::Failed;
+    }
+    bus_ = bus;
+    connected_.store(true);
+    return State::Open;
 }
 
 void BusIo::serve() {
-    bool readable = true;  // the answer to Hello brought the first messages along
-    for (Poll next{}; turn(readable, next);) {
+    short events = 0;  // the answer to Hello may have brought messages along; they are there without
+    for (Poll next{}; turn(events, next);) {
         deliver();
         pollfd fds[2] = {{next.fd, next.events, 0}, {wakeFd_, POLLIN, 0}};
         ::poll(fds, 2, next.timeoutMs);
-        readable = fds[0].revents != 0;
+        events = fds[0].revents;
         if (fds[1].revents != 0) {
             eventfd_t count = 0;
             ::eventfd_read(wakeFd_, &count);
@@ -140,18 +145,18 @@ void BusIo::serve() {
     deliver();
 }
 
-bool BusIo::turn(bool readable, Poll& poll) {
+bool BusIo::turn(short events, Poll& next) {
     const MutexLock lock(lock_);
     polling_ = false;
-    if (readable) ::dbus_connection_read_write(bus_, 0);
+    watches_.handle(events);
     while (DBusMessage* message = ::dbus_connection_pop_message(bus_)) sort(MessagePtr(message));
     expire();
     // Asked before each poll(): whoever sends may have found the connection broken, and libdbus closed its descriptor.
-    if (state_ != State::Open || !::dbus_connection_get_unix_fd(bus_, &poll.fd)) return false;
-    poll.events = POLLIN;
-    if (::dbus_connection_has_messages_to_send(bus_)) poll.events |= POLLOUT;
+    if (state_ != State::Open || !::dbus_connection_get_unix_fd(bus_, &next.fd)) return false;
+    next.events = POLLIN;
+    if (::dbus_connection_has_messages_to_send(bus_)) next.events |= POLLOUT;
     pollsUntil_ = deadlines_.empty() ? Clock::time_point::max() : deadlines_.begin()->first;
-    poll.timeoutMs = millisecondsUntil(pollsUntil_);
+    next.timeoutMs = millisecondsUntil(pollsUntil_);
     polling_ = true;
     return true;
 }
@@ -200,6 +205,7 @@ void BusIo::finish() {
         state_ = State::Ended;
         connected_.store(false);
         bus = std::exchange(bus_, nullptr);
+        watches_.detach(bus);
         for (auto& [serial, outstanding] : calls_) {
             if (outstanding.replyTo == ReplyTo::WaitingThread) {
                 deliveries_.completed.emplace_back(std::move(outstanding.call), nullptr);

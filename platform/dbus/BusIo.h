@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/dbus/DispatchQueue.h"
+#include "platform/dbus/Watches.h"
 
 namespace Libraries::Platform::Posix::DBus {
 
@@ -73,8 +74,9 @@ private:
     bool start(DBusBusType type);
     void run(DBusBusType type);
     bool connect(DBusBusType type);
+    State adopt(::DBusConnection* bus) REQUIRES(lock_);
     void serve();
-    bool turn(bool readable, Poll& poll);
+    bool turn(short events, Poll& next);
     void sort(MessagePtr message) REQUIRES(lock_);
     void expire() REQUIRES(lock_);
     void deliver();
@@ -93,7 +95,8 @@ private:
     std::condition_variable opened_;
     State state_ GUARDED_BY(lock_) = State::Opening;
     DBusError openError_ GUARDED_BY(lock_);
-    ::DBusConnection* bus_ GUARDED_BY(lock_) = nullptr;                                  // null unless open or closing
+    ::DBusConnection* bus_ GUARDED_BY(lock_) = nullptr;  // null unless open or closing
+    Watches watches_ GUARDED_BY(lock_);
     std::unordered_map<dbus_uint32_t, Outstanding> calls_ GUARDED_BY(lock_);             // by serial
     std::set<std::pair<Clock::time_point, dbus_uint32_t>> deadlines_ GUARDED_BY(lock_);  // ReplyTo::DispatchThread's
     bool polling_ GUARDED_BY(lock_) = false;  // the I/O thread is in poll(), or on its way, and must be woken

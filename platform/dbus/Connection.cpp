@@ -53,7 +53,7 @@ DBusConnection::~DBusConnection() {
 void DBusConnection::close() {
     std::call_once(closed_, [this] {
         io_->close();
-        for (DispatchQueue::Item& item : io_->queue().takeAll()) {
+        for (DispatchQueue::Item& item : io_->queue().drop()) {
             if (!item.call) continue;
             item.call->drop();
             item.call->finish();
@@ -62,17 +62,17 @@ void DBusConnection::close() {
 }
 
 MessagePtr DBusConnection::call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late) {
-    const Ref<DBusConnection> self(this);  // close() and the owner's last reference may go while this thread waits
+    const std::shared_ptr<BusIo> io = io_;  // the connection may be closed and destroyed while this thread waits
     const Ref<DBusPendingCall> call(new DBusPendingCall(deadline));
     dbus_uint32_t serial = 0;
-    if (!io_->sendCall(message, call, BusIo::ReplyTo::WaitingThread, &serial)) {
-        Errors::set(error, io_->connected() ? Errors::kNoMemory : Errors::kClosed);
+    if (!io->sendCall(message, call, BusIo::ReplyTo::WaitingThread, &serial)) {
+        Errors::set(error, io->connected() ? Errors::kNoMemory : Errors::kClosed);
         return nullptr;
     }
     const auto ended = call->wait(late ? Interrupt::Level::HangUp : Interrupt::Level::End);
     if (ended != DBusPendingCall::Ended::Completed) {
         const bool interrupted = ended == DBusPendingCall::Ended::Interrupted;
-        if (io_->giveUp(serial, interrupted ? std::move(late) : nullptr)) {
+        if (io->giveUp(serial, interrupted ? std::move(late) : nullptr)) {
             Errors::set(error, interrupted ? Errors::kInterrupted : Errors::kNoReply);
             return nullptr;
         }

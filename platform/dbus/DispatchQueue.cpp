@@ -69,6 +69,7 @@ bool DispatchQueue::take(Item& item, int timeoutMs) {
 
 void DispatchQueue::putBack(Item item) {
     const MutexLock lock(mutex_);
+    if (dropped_) return;
     items_.push_front(std::move(item));
     heldUntil_ = Clock::now() + kRedeliveryPause;
 }
@@ -78,8 +79,9 @@ bool DispatchQueue::finished() {
     return ended_ && items_.empty();
 }
 
-std::deque<DispatchQueue::Item> DispatchQueue::takeAll() {
+std::deque<DispatchQueue::Item> DispatchQueue::drop() {
     const MutexLock lock(mutex_);
+    dropped_ = true;
     return std::move(items_);
 }
 

@@ -34,8 +34,8 @@ public:
     void putBack(Item item);
     /// Ended and empty. Any thread.
     bool finished();
-    /// Takes all that is left, after end(). Any thread.
-    std::deque<Item> takeAll();
+    /// Drops what is left and what is put back later, after end(); gives what was left. Any thread.
+    std::deque<Item> drop();
 
 private:
     bool ready() const REQUIRES(mutex_);
@@ -47,6 +47,7 @@ private:
     bool waiting_ GUARDED_BY(mutex_) = false;
     bool woken_ GUARDED_BY(mutex_) = false;
     bool ended_ GUARDED_BY(mutex_) = false;
+    bool dropped_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace Libraries::Platform::Posix::DBus

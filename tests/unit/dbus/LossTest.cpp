@@ -188,5 +188,19 @@ TEST_F(Loss, OfTheConnectionFromInsideAHandlerEndsTheDispatching) {
     while (DBus::dbus_connection_read_write_dispatch(connection_, 500)) ASSERT_LT(since(start), kPatience);
 }
 
+TEST_F(Loss, ByTheCloseDropsAMessageThatIsWantedAgain) {
+    DBus::dbus_bus_add_match(connection_, "interface='test.Interface'", nullptr);
+    const auto onMessage = [](DBus::DBusConnection* connection, DBusMessage* message, void*) {
+        if (!::dbus_message_is_signal(message, kInterface, "Go")) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        DBus::dbus_connection_close(connection);
+        return DBUS_HANDLER_RESULT_NEED_MEMORY;
+    };
+    DBus::dbus_connection_add_filter(connection_, onMessage, nullptr, nullptr);
+    EXPECT_TRUE(callPeer(connection_, "Answer"));
+    peer_.emit("/", kInterface, "Go");
+    const auto start = Clock::now();
+    while (DBus::dbus_connection_read_write_dispatch(connection_, 500)) ASSERT_LT(since(start), kPatience);
+}
+
 }  // namespace
 }  // namespace UnitTest
