@@ -141,12 +141,14 @@ void Adapter::removeDevice(const Call& call) {
 void Adapter::inquire() {
     set("Discovering", Value::boolean(true));
     for (auto& [address, inRange] : inRange_) {
-        if (devices_.count(pathOf(address))) continue;
-        const auto delay = inRange.plan.foundAfter.value_or(milliseconds(0));
-        inRange.found =
-            world_.loop.after(delay, [this, &inRange] { appear(inRange.plan, *findModel(inRange.plan.model)); });
+        if (!devices_.count(pathOf(address))) findLater(inRange);
     }
     seeDevices();
+}
+
+void Adapter::findLater(InRange& inRange) {
+    const auto delay = inRange.plan.foundAfter.value_or(milliseconds(0));
+    inRange.found = world_.loop.after(delay, [this, &inRange] { appear(inRange.plan); });
 }
 
 void Adapter::stopInquiry() {
@@ -162,15 +164,16 @@ void Adapter::seeDevices() {
             if (Device* present = device(pathOf(address))) {
                 present->seen();
             } else if (!inRange.found.isRunning()) {
-                appear(inRange.plan, *findModel(inRange.plan.model));  // it was removed in the meantime
+                appear(inRange.plan);  // it was removed in the meantime
             }
         }
         seeDevices();
     });
 }
 
-void Adapter::appear(const DevicePlan& plan, const Model& model) {
+void Adapter::appear(const DevicePlan& plan) {
     const std::string path = pathOf(plan.address);
+    const Model& model = *findModel(plan.model);
     devices_[path] =
         std::make_unique<Device>(world_, path_, plan, model, [this, path, address = plan.address](bool isOffTheAir) {
             devices_.erase(path);
@@ -179,14 +182,13 @@ void Adapter::appear(const DevicePlan& plan, const Model& model) {
 }
 
 bool Adapter::put(const DevicePlan& plan) {
-    const Model* model = findModel(plan.model);
-    if (!model || devices_.count(pathOf(plan.address)) || inRange_.count(plan.address)) return false;
+    if (!findModel(plan.model) || devices_.count(pathOf(plan.address)) || inRange_.count(plan.address)) return false;
     auto& inRange = inRange_[plan.address];
     inRange.plan = plan;
     if (!plan.foundAfter) {
-        appear(plan, *model);
+        appear(plan);
     } else if (!discoverers_.empty()) {
-        inRange.found = world_.loop.after(*plan.foundAfter, [this, &inRange, model] { appear(inRange.plan, *model); });
+        findLater(inRange);
     }
     return true;
 }

@@ -60,7 +60,9 @@ private:
     void stopInquiry();
     void seeDevices();
     std::vector<Device*> all() const;
-    void appear(const DevicePlan& plan, const Model& model);
+    void findLater(InRange& inRange);
+    /// The plan names a model that exists.
+    void appear(const DevicePlan& plan);
 
     bool isPowered() const;
     void set(const char* property, Value value) { world_.objects.set(path_, kAdapter1, property, std::move(value)); }

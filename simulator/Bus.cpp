@@ -51,7 +51,7 @@ void Call::replyWith(const std::function<int(sd_bus_message*)>& append) const {
 }
 
 void Call::fail(const std::string& errorName, const std::string& errorText) const {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_error_set(&error, errorName.c_str(), errorText.c_str());
     sd_bus_reply_method_error(message_.get(), &error);
     sd_bus_error_free(&error);

@@ -106,9 +106,15 @@ bool Device::isTrue(const char* property) const {
     return value && value->isTrue();
 }
 
+bool Device::isReachable() const {
+    const Value* isPowered = world_.objects.get(path_.substr(0, path_.rfind('/')), kAdapter1, "Powered");
+    return isPowered && isPowered->isTrue();
+}
+
 void Device::pair(const Call& call) {
     if (pairing_) return call.fail(Errors::kInProgress);
     if (isTrue("Bonded")) return call.fail(Errors::kAlreadyExists);
+    if (!isReachable()) return call.fail(Errors::kAuthenticationFailed);
     forgetting_.stop();
     pairing_ = std::make_unique<Pairing>(world_, *this, call, model_.pairing);
     pairing_->go();
@@ -167,7 +173,8 @@ void Device::leave(bool isOffTheAir) {
 }
 
 void Device::connect(const Call& call) {
-    if (connectCall_) return call.fail(Errors::kBusy);
+    if (connectCall_) return call.fail(Errors::kConnectionBusy);
+    if (!isReachable()) return call.fail(Errors::kConnectionNotPowered);
     if (isTrue("Connected")) return call.reply();
     connectCall_ = call;
     connecting_ = world_.loop.after(milliseconds(50), [this] {
@@ -185,24 +192,20 @@ void Device::disconnect(const Call& call) {
 }
 
 void Device::connectProfile(const Call& call) {
-    if (connectCall_) return call.fail("org.bluez.Error.InProgress", "br-connection-busy");
+    if (connectCall_) return call.fail(Errors::kConnectionBusy);
+    if (!isReachable()) return call.fail(Errors::kConnectionNotPowered);
     const std::string wanted = call.arguments()[0].text();
     const auto& services = model_.services.elements();
     const bool isOffered = std::any_of(services.begin(), services.end(), [&](const Value& service) {
         return service.isText() && service.text() == wanted;
     });
-    if (model_.profileDelay < milliseconds(0)) {
-        connectCall_ = call;
-        return;
-    }
     connectCall_ = call;
+    if (model_.profileDelay == kNever) return;
     connecting_ = world_.loop.after(model_.profileDelay, [this, isOffered] {
         const Call answered = *connectCall_;
         connectCall_.reset();
         if (model_.profileError) return answered.fail(*model_.profileError);
-        if (!isOffered) {
-            return answered.fail("org.bluez.Error.NotAvailable", "br-connection-profile-unavailable");
-        }
+        if (!isOffered) return answered.fail(Errors::kConnectionUnavailable);
         showConnected(true);
         answered.reply();
     });

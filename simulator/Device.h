@@ -61,6 +61,8 @@ private:
     void connectProfile(const Call& call);
     void disconnectProfile(const Call& call);
 
+    /// Whether the adapter has power.
+    bool isReachable() const;
     bool isTrue(const char* property) const;
     void showPaired();
     void tell(const NamedValues& values);

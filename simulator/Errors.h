@@ -20,9 +20,11 @@ inline constexpr Error kConnectionAttemptFailed{"org.bluez.Error.ConnectionAttem
 inline constexpr Error kDoesNotExist{"org.bluez.Error.DoesNotExist", "Does Not Exist"};
 inline constexpr Error kInProgress{"org.bluez.Error.InProgress", "In Progress"};
 inline constexpr Error kBusy{"org.bluez.Error.InProgress", "Operation already in progress"};
+inline constexpr Error kConnectionBusy{"org.bluez.Error.InProgress", "br-connection-busy"};
+inline constexpr Error kConnectionNotPowered{"org.bluez.Error.NotReady", "br-connection-adapter-not-powered"};
+inline constexpr Error kConnectionUnavailable{"org.bluez.Error.NotAvailable", "br-connection-profile-unavailable"};
 inline constexpr Error kInvalidArguments{"org.bluez.Error.InvalidArguments", "Invalid arguments in method call"};
 inline constexpr Error kNoDiscovery{"org.bluez.Error.Failed", "No discovery started"};
-inline constexpr Error kNotAvailable{"org.bluez.Error.NotAvailable", "Operation currently not available"};
 inline constexpr Error kNotConnected{"org.bluez.Error.NotConnected", "Not Connected"};
 inline constexpr Error kUnreadable{"org.bluez.Error.Failed", "The property cannot be read"};
 inline constexpr Error kNotReady{"org.bluez.Error.NotReady", "Resource Not Ready"};

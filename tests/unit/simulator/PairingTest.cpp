@@ -138,8 +138,7 @@ TEST_F(Pairing, AnAgentThatAnswersWithAnErrorChangesNothing) {
     const auto keyboard = device("keyboard");
     const auto pairing = pair(keyboard);
     ASSERT_TRUE(isShown());
-    sd_bus_error error = SD_BUS_ERROR_MAKE_CONST("org.bluez.Error.Rejected", "no");
-    sd_bus_reply_method_error(client().agentCalls[0].message.get(), &error);
+    sd_bus_reply_method_errorf(client().agentCalls[0].message.get(), "org.bluez.Error.Rejected", "%s", "no");
     const auto typed = [&] {
         return client().call(kControlPath, kControl1, "TypePinCode", {path(keyboard), text(shownPinCode())}).isOk();
     };
@@ -260,6 +259,14 @@ TEST_F(Pairing, RemovingTheAdapterEndsIt) {
     const auto removedDevice = client().told(keyboard).back();
     EXPECT_EQ(client().signals.back().arguments.at(0).text(), kHci0);
     EXPECT_TRUE(removedDevice.starts_with("InterfacesRemoved"));
+}
+
+TEST_F(Pairing, NeedsPower) {
+    const auto headset = device("headset");
+    client().control("SetPowered", {path(kHci0), Value::boolean(false)});
+    EXPECT_EQ(client().call(headset, kDevice1, "Pair").errorName, "org.bluez.Error.AuthenticationFailed");
+    EXPECT_EQ(client().call(headset, kDevice1, "Connect").errorName, "org.bluez.Error.NotReady");
+    EXPECT_EQ(client().call(headset, kDevice1, "ConnectProfile", {text("x")}).errorName, "org.bluez.Error.NotReady");
 }
 
 TEST_F(Pairing, LosingThePowerEndsIt) {
