@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <unordered_map>
 
 #include "platform/nodes/Fd.h"
 
@@ -46,11 +45,11 @@ std::optional<Journal> Journal::create(int folder) {
     return Journal(folder, kFile);
 }
 
-void Journal::read(int folder, const std::function<void(ino_t, std::string_view)>& record) {
+std::unordered_map<ino_t, std::string> Journal::read(int folder) {
+    std::unordered_map<ino_t, std::string> records;
     const Fd file(openat(folder, kFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!file) return;
+    if (!file) return records;
     const std::string text = readAll(file.get());
-    std::unordered_map<ino_t, std::string_view> records;
     std::size_t begin = 0;
     for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
         const std::string_view line = std::string_view(text).substr(begin, end - begin);
@@ -63,7 +62,7 @@ void Journal::read(int folder, const std::function<void(ino_t, std::string_view)
         if (line.front() == '-') records.erase(inode);
         if (line.front() == '+' && name < line.size()) records.insert_or_assign(inode, line.substr(name));
     }
-    for (const auto& [inode, name] : records) record(inode, name);
+    return records;
 }
 
 void Journal::remove(int folder) noexcept {
@@ -103,7 +102,7 @@ void Journal::compact() {
     if (!makeFile(folder_, kNewFile)) return;
     Journal fresh(folder_, kNewFile);
     bool whole = true;
-    read(folder_, [&](ino_t inode, std::string_view name) { whole = whole && fresh.add(inode, name); });
+    for (const auto& [inode, name] : read(folder_)) whole = whole && fresh.add(inode, name);
     // The new file takes the old one's place at once: a process killed here leaves one or the other.
     if (!whole || renameat(folder_, kNewFile, folder_, kFile) != 0) return;
     fresh.name_ = kFile;

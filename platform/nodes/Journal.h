@@ -2,10 +2,10 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace Services::Nodes {
 
@@ -18,8 +18,8 @@ public:
     /// An empty journal in the folder, in place of an older one; the folder outlives it. Nothing, with errno, on
     /// failure.
     static std::optional<Journal> create(int folder);
-    /// The records of an older journal that were not taken back, in no order.
-    static void read(int folder, const std::function<void(ino_t, std::string_view)>& record);
+    /// The records of an older journal that were not taken back: names by inode.
+    static std::unordered_map<ino_t, std::string> read(int folder);
     static void remove(int folder) noexcept;
 
     /// False, with errno, when it cannot be written; then the journal is as before.

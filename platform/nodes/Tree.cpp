@@ -121,7 +121,7 @@ bool Tree::prepare(std::string& reason) {
 }
 
 void Tree::clearLeftovers() {
-    Journal::read(staging_.get(), [this](ino_t inode, std::string_view name) { removeSocket(name, inode, true); });
+    for (const auto& [inode, name] : Journal::read(staging_.get())) removeSocket(name, inode, true);
     // Sockets that were on their way.
     const int copy = fcntl(staging_.get(), F_DUPFD_CLOEXEC, 0);  // closedir closes it
     DIR* const folder = copy < 0 ? nullptr : fdopendir(copy);

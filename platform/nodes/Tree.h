@@ -44,7 +44,7 @@ public:
 private:
     Tree(Fd root, ServerLock lock, std::string_view server);
     bool prepare(std::string& reason);
-    void clearLeftovers();
+    void clearLeftovers() REQUIRES(treeLock);
     bool makeSocket(const std::string& staged, mode_t mode, std::string_view topFolder, Socket& made,
                     std::string& reason) REQUIRES(treeLock);
     bool moveIntoPlace(const std::string& staged, std::string_view name, std::string& reason) REQUIRES(treeLock);

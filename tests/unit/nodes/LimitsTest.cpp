@@ -217,6 +217,9 @@ TEST_F(ConnectionLimits, ThreeQuartersOfTheDescriptorsAtMost) {
 }
 
 TEST_F(ConnectionLimits, WithoutDescriptorsAConnectionIsClosedAtOnceToo) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "UBSan's look at an object's type opens a pipe, and takes a failure for a wrong type";
+#endif
     Child child({"limited", "20", "test/node"});
     ASSERT_EQ(child.line(), "ready");
     std::vector<std::unique_ptr<Client>> clients;
