@@ -137,6 +137,7 @@ def test_bluez_is_answered_before_the_device_is_told(bluez, monitor, start):
         bluez.display_pincode(path, "1111")
         bluez.display_pincode(path, "2222")
         cancel = bluez.wait_call("CancelPairing", path=path)
+        monitor.settle()
         shown = [entry for entry in monitor.messages.all() if entry.member == "DisplayPinCode"][-1]
         service_messages = [entry for entry in monitor.messages.all() if entry.sender == bluez.agent[0]]
         answer = next(entry for entry in service_messages

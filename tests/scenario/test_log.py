@@ -8,7 +8,7 @@ import pytest
 
 from harness.bluez import FAILED, Error, device_path
 from harness.process import BIN, WRAPPER, Process
-from harness.varlink import FAILURE, Client, action
+from harness.varlink import FAILURE, Client
 from harness.waiting import stretched, wait_until
 
 
@@ -140,7 +140,7 @@ def test_standard_descriptors_that_are_closed_are_opened(bluez, bus, root):
         with Client(str(root / "bluetooth/master")) as client:
             assert client.do("INQUIRY_START") == 0
         with Client(str(root / "bluetooth/service")) as client:
-            client.send_execute(action("STOP"))
+            assert client.do("STOP") == 0
         assert process.wait() == 0
     finally:
         process.end()

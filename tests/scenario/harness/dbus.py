@@ -197,6 +197,7 @@ class BusConnection:
         self._on_call = on_call
         self._on_other = on_other
         self._serials = itertools.count(1)
+        self.sent = 0  # serial of the last message sent
         self._sending = threading.Lock()
         self._replies = Record()
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -216,7 +217,7 @@ class BusConnection:
     def send(self, message):
         """Sends and gives the serial."""
         with self._sending:
-            serial = next(self._serials)
+            serial = self.sent = next(self._serials)
             try:
                 self._socket.sendall(message.serialise(serial))
             except OSError:
@@ -284,14 +285,24 @@ class Monitor:
     def __init__(self, bus):
         self.messages = Record()
         self._connection = BusConnection(bus, on_call=self.messages.add, on_other=self.messages.add, monitor=True)
+        # Asks the bus things that can be told apart, to know how far the monitor is.
+        self._marker = BusConnection(bus)
+
+    def settle(self):
+        """Returns when everything has been recorded that the bus took before."""
+        self._marker.round_trip()
+        last = self._marker.sent
+        self.messages.wait(lambda call: call.sender == self._marker.name and call.serial == last, "the monitor's mark")
 
     def wait(self, matches, what, **kwargs):
         return self.messages.wait(matches, what, **kwargs)
 
     def calls(self, sender=None):
         """Method calls in order; with sender those of one connection."""
+        self.settle()
         return [call for call in self.messages.all()
                 if call.kind is MessageType.method_call and sender in (None, call.sender)]
 
     def close(self):
+        self._marker.close()
         self._connection.close()

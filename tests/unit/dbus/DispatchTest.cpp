@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <ctime>
 #include <functional>
 #include <future>
 #include <memory>
@@ -96,11 +97,15 @@ TEST_F(Dispatch, TakesOneMessageAtATime) {
 TEST_F(Dispatch, WaitsForItsTimeOutOnAQuietBus) {
     while (DBus::dbus_connection_read_write_dispatch(connection_, 0) && !callPeer(connection_, "Answer")) {
     }
-    for (int i = 0; i < 5; ++i) DBus::dbus_connection_read_write_dispatch(connection_, 0);  // what came with Hello
-    const auto start = Clock::now();
-    EXPECT_TRUE(DBus::dbus_connection_read_write_dispatch(connection_, 60));
-    EXPECT_GE(since(start), milliseconds(60));
-    EXPECT_LT(since(start), milliseconds(260));
+    // The bus tells a few things after Hello: until they are through, a wait may be a short one.
+    for (int rest = 5;; --rest) {
+        const auto start = Clock::now();
+        EXPECT_TRUE(DBus::dbus_connection_read_write_dispatch(connection_, 60));
+        if (since(start) < milliseconds(60) && rest > 0) continue;
+        EXPECT_GE(since(start), milliseconds(60));
+        EXPECT_LT(since(start), milliseconds(1000));
+        break;
+    }
 }
 
 TEST_F(Dispatch, IsWokenWhileItWaitsAndWhenItWaitsNext) {
@@ -361,16 +366,38 @@ TEST_F(Dispatch, EndsWhenAnotherThreadClosesTheConnection) {
     EXPECT_TRUE(waitUntil([&] { return dispatcher.ended(); }));
 }
 
-TEST_F(Dispatch, AddsAndRemovesTenThousandFiltersQuickly) {
+TEST_F(Dispatch, ServesTenThousandFilters) {
     std::vector<int> runs(10000);
     addMatch();
-    const auto start = Clock::now();
     for (int& run : runs) DBus::dbus_connection_add_filter(connection_, &countRuns, &run, nullptr);
     for (int i = 0; i < 20; ++i) peer_.emit("/", kInterface, "Go");
     dispatchUntil([&] { return runs.back() == 20; });
     EXPECT_EQ(std::count(runs.begin(), runs.end(), 20), 10000);
     for (int& run : runs) DBus::dbus_connection_remove_filter(connection_, &countRuns, &run);
-    EXPECT_LT(since(start), milliseconds(3000));
+}
+
+/// The processor time of this thread that it takes to add so many filters and remove them, first come, first gone.
+std::chrono::nanoseconds timeAddAndRemove(DBus::DBusConnection* connection, std::size_t number) {
+    const auto processorTime = [] {
+        timespec now{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    std::vector<int> runs(number);
+    const auto start = processorTime();
+    for (int& run : runs) DBus::dbus_connection_add_filter(connection, &countRuns, &run, nullptr);
+    for (int& run : runs) DBus::dbus_connection_remove_filter(connection, &countRuns, &run);
+    return processorTime() - start;
+}
+
+TEST_F(Dispatch, AddsAndRemovesAFilterInATimeThatDoesNotGrowWithTheirNumber) {
+    auto few = std::chrono::nanoseconds::max();
+    auto many = std::chrono::nanoseconds::max();
+    for (int i = 0; i < 5; ++i) {
+        few = std::min(few, timeAddAndRemove(connection_, 2000));
+        many = std::min(many, timeAddAndRemove(connection_, 20000));
+    }
+    EXPECT_LT(many / few, 40);  // ten times as many; a walk through all of them each time would make it a hundred
 }
 
 }  // namespace
