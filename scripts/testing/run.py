@@ -66,16 +66,14 @@ def full(run):
             lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS))
     run.leg("asan: build and unit tests", lambda: runners.build("asan"), lambda: runners.unit("asan", ASAN))
     run.leg("asan: scenarios", lambda: runners.scenarios("asan", env=ASAN))
-    run.leg("tsan: build and unit tests", lambda: runners.build("tsan"), lambda: runners.unit("tsan", TSAN))
+    # The client and the simulator have one thread each.
+    run.leg("tsan: build and unit tests", lambda: runners.build("tsan"),
+            lambda: runners.unit("tsan", TSAN, leave_out="unit-client|unit-simulator"))
     run.leg("tsan: scenarios", lambda: runners.scenarios("tsan", env=TSAN))
     run.leg("clang: build, clang-tidy", lambda: runners.build("clang", "-DBTN_TESTS=OFF"),
             lambda: runners.clang_tidy("clang"))
     if runners.has_preset("fuzz"):
         run.leg("fuzzers", lambda: runners.build("fuzz"), lambda: runners.fuzzers("fuzz", FUZZ_SECONDS))
-    if (ROOT / "tests/vm/run").exists():
-        run.leg("bluetoothd in a virtual machine",
-                lambda: runners.summary_of([ROOT / "tests/vm/run"], "vm.log"))
-
 
 def repeat(run, times, name):
     """The tests that hold the name, in the unit tests and in the scenarios, with the release build."""
