@@ -15,6 +15,8 @@ from harness.process import BIN, Service
 def pytest_configure(config):
     if not (BIN / "bluetooth-service").exists():
         raise pytest.UsageError(f"no bluetooth-service in {BIN}: build it first (./test does), or set BTN_BIN")
+    # A shell that starts the tests in the background has SIGINT ignored, and so would every program under test.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.hookimpl(hookwrapper=True)

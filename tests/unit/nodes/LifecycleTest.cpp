@@ -130,6 +130,8 @@ TEST_F(Stopping, AnswersTheNodeThroughWhichTheProcessIsAskedToEnd) {
     block(client);
     std::thread stopper([&] { service_.stop(); });
     EXPECT_TRUE(other.isClosed());
+    // A connection is closed before its request has noticed, and that would still take what is posted.
+    EXPECT_TRUE(waitUntil([&] { return server().interrupted == 1; }));
     EXPECT_FALSE(client.hasInput());
     server().post();
     EXPECT_EQ(client.receive(), integerReply("WAIT", 0));
