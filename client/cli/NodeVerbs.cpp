@@ -202,7 +202,8 @@ ExitCode doVerb(Session& session) {
             if (!outcome.words.empty()) object["meaning"] = outcome.words;
             array.push_back(std::move(object));
         } else {
-            session.out.line(sanitised(action + " " + namedText(each)));
+            const std::string text = namedText(each);
+            session.out.line(sanitised(text.empty() ? action : action + " " + text));
         }
     }
     if (session.json()) {

@@ -14,7 +14,7 @@ namespace btnode::test {
 
 namespace {
 
-constexpr int kPatience = 5000;
+constexpr int kPatience = 60'000;
 
 std::string contentOf(int fd) {
     std::string content;
@@ -52,6 +52,19 @@ Ended btnode(const std::vector<std::string>& arguments) {
     ended.code = cli::run(arguments, out, err, nullptr);
     ended.out = contentOf(out);
     ended.err = contentOf(err);
+    return ended;
+}
+
+Ended btnodeInGrowingTime(const std::vector<std::string>& arguments, const std::function<void()>& before,
+                          const std::function<bool(const Ended&)>& fits) {
+    Ended ended;
+    for (const char* timeout : {"0.1", "0.5", "3", "15", "60"}) {
+        std::vector<std::string> all = arguments;
+        all.insert(all.end(), {"--timeout", timeout});
+        before();
+        ended = btnode(all);
+        if (fits(ended)) break;
+    }
     return ended;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,13 +22,19 @@ struct Ended {
 /// Runs the program's whole command line in this process; neither output is a terminal.
 Ended btnode(const std::vector<std::string>& arguments);
 
+/// Runs it with a --timeout that grows from a tenth of a second, until the outcome fits or a minute was given: for
+/// tests in which the limit is to pass at one place only, on a machine that may be busy with other things. `before`
+/// runs before each try.
+Ended btnodeInGrowingTime(const std::vector<std::string>& arguments, const std::function<void()>& before,
+                          const std::function<bool(const Ended&)>& fits);
+
 /// The same while the test goes on.
 class RunningBtnode {
 public:
     explicit RunningBtnode(const std::vector<std::string>& arguments);
     ~RunningBtnode();
 
-    /// The next line of standard output without its end; "(no line)" when none comes within five seconds.
+    /// The next line of standard output without its end; "(no line)" when none comes within a minute.
     std::string line();
     std::string errorLine();
     /// Ctrl-C.

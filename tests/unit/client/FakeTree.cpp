@@ -18,7 +18,7 @@ namespace btnode::test {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kPatience{60};
 
 std::string text(const json::value& value) {
     return std::string(value.as_string().data(), value.as_string().size());
@@ -104,6 +104,18 @@ bool FakeNode::waitForAction(const std::string& name, json::object* action) cons
 bool FakeNode::waitForWatcher() const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, [&] { return !watchers_.empty(); });
+}
+
+void FakeNode::forget() {
+    const std::lock_guard lock(mutex_);
+    executed_.clear();
+}
+
+void FakeNode::tellWithdrawn() {
+    const std::lock_guard lock(mutex_);
+    for (const int fd : watchers_) {
+        sendMessage(fd, {{"error", "com.kelvo.node.Withdrawn"}, {"parameters", json::object()}});
+    }
 }
 
 void FakeNode::change(std::int64_t argument) {
@@ -263,12 +275,7 @@ void FakeTree::withdraw(const std::string& name) {
         std::error_code failure;
         if (!std::filesystem::remove(folder, failure)) break;
     }
-    {
-        const std::lock_guard lock(found->second->node->mutex_);
-        for (const int fd : found->second->node->watchers_) {
-            sendMessage(fd, {{"error", "com.kelvo.node.Withdrawn"}, {"parameters", json::object()}});
-        }
-    }
+    found->second->node->tellWithdrawn();
     end(*found->second);
     served_.erase(found);
 }

@@ -59,9 +59,13 @@ public:
     void set(const std::string& attribute, json::object value);
     /// The names of the executed actions so far.
     std::vector<std::string> executed() const;
-    /// The last execution of an action; false when there was none within five seconds.
+    /// The last execution of an action; false when there was none within a minute.
     bool waitForAction(const std::string& name, json::object* action = nullptr) const;
     bool waitForWatcher() const;
+    /// Of what was executed so far.
+    void forget();
+    /// Tells the watchers that the node was withdrawn, as the tree does when it is.
+    void tellWithdrawn();
     /// Tells the watchers.
     void change(std::int64_t argument = 0);
 

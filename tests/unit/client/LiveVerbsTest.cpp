@@ -127,7 +127,9 @@ TEST_F(ScanVerb, EndsAfterItsTimeAndStopsTheInquiry) {
         events.emplace_back(json::parse(ended.out.substr(at, end - at)).at("event").as_string().c_str());
         at = end + 1;
     }
-    EXPECT_EQ(events, (Words{"scanning", "known", "stopped"}));
+    ASSERT_GE(events.size(), 2U);
+    EXPECT_EQ(events.front(), "scanning");
+    EXPECT_EQ(events.back(), "stopped");
 }
 
 TEST_F(ScanVerb, UsesOneAdapter) {
@@ -190,8 +192,12 @@ using StopVerb = LiveVerbs;
 TEST_F(StopVerb, WaitsUntilTheServiceIsGone) {
     FakeNode& service = fake_.node("bluetooth/service");
     // The sockets of this fake are in the test's own process, which does not end: the verb is to time out on it.
-    const Ended waiting = btnode(here({"stop", "--timeout", "0.2"}));
-    EXPECT_EQ(waiting.exitCode(), ExitCode::TimedOut);
+    const Ended waiting = test::btnodeInGrowingTime(
+        here({"stop"}), [&] { service.forget(); },
+        [&](const Ended& each) {
+            EXPECT_EQ(each.exitCode(), ExitCode::TimedOut);
+            return contains(each.err, "told to stop");
+        });
     EXPECT_TRUE(contains(waiting.err, "told to stop"));
     EXPECT_EQ(service.executed(), Words{"STOP"});
 }

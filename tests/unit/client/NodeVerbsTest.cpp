@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/json/parse.hpp>
 #include <filesystem>
@@ -17,6 +20,8 @@ using test::FakeTree;
 using Words = std::vector<std::string>;
 
 namespace json = boost::json;
+
+constexpr std::chrono::milliseconds kQuick{100};
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -88,11 +93,15 @@ TEST_F(NodeVerbs, ListAsJsonHasNumbersAndWords) {
 
 TEST_F(NodeVerbs, ListShowsWhatAnsweredWhenSomethingDoesNot) {
     keyboard().silent = true;
-    const Ended ended = run({"list", "--timeout", "0.1"});
-    EXPECT_EQ(ended.exitCode(), ExitCode::TimedOut);
+    const Ended ended = test::btnodeInGrowingTime(
+        {"list", "--root", fake_.root()}, [] {},
+        [](const Ended& each) {
+            EXPECT_EQ(each.exitCode(), ExitCode::TimedOut);
+            EXPECT_NE(each.err, "");
+            return contains(each.out, "Desk");
+        });
     EXPECT_TRUE(contains(ended.out, "00:11:22:33:44:55  ?")) << ended.out;
     EXPECT_TRUE(contains(ended.out, "Desk"));
-    EXPECT_NE(ended.err, "");
 }
 
 TEST_F(NodeVerbs, ListLeavesOutWhatVanishesMeanwhile) {
@@ -251,15 +260,15 @@ TEST(ExitCodes, NoServiceWithinATenthOfASecond) {
           Words{"get", test::deviceNode("00:11:22:33:44:55"), "NAME"}}) {
         Words all = words;
         all.insert(all.end(), {"--root", fake.root(), "--json"});
-        // The quicker of two runs: a machine that is busy with something else delays any of them.
+        // The quickest of some runs: a machine that is busy with something else delays any of them.
         Limit::Clock::duration quickest = std::chrono::hours(1);
         Ended ended;
-        for (int run = 0; run < 2; ++run) {
+        for (int run = 0; run < 50 && quickest > kQuick; ++run) {
             const auto begin = Limit::Clock::now();
             ended = btnode(all);
             quickest = std::min(quickest, Limit::Clock::now() - begin);
         }
-        EXPECT_LT(quickest, std::chrono::milliseconds(100));
+        EXPECT_LT(quickest, kQuick);
         EXPECT_EQ(ended.exitCode(), ExitCode::Unreachable) << words.front();
         EXPECT_EQ(ended.out, "");
         EXPECT_TRUE(contains(ended.err, fake.pathOf("bluetooth/service"))) << ended.err;
@@ -305,6 +314,27 @@ TEST(ExitCodes, AServiceThatRefusesCallsIsBusy) {
     const Ended ended = btnode({"do", "master", "INQUIRY_START", "--root", fake.root()});
     EXPECT_EQ(ended.exitCode(), ExitCode::Busy);
     EXPECT_TRUE(contains(ended.err, "Try again")) << ended.err;
+}
+
+TEST(ExitCodes, PermissionDeniedNamesTheGroup) {
+    FakeTree fake;
+    fake.publishService();
+    const std::string master = fake.pathOf("bluetooth/master");
+    ASSERT_EQ(::chmod(master.c_str(), ::geteuid() == 0 ? 0660 : 0060), 0);
+    // Root may use everything; a thread with another user for files, and outside the group, may not.
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(master.c_str(), 0, 54321), 0);
+        ::setfsuid(65534);
+    }
+    const Ended ended = btnode({"do", "master", "INQUIRY_START", "--root", fake.root()});
+    const Ended list = btnode({"list", "--root", fake.root()});
+    if (::geteuid() == 0) ::setfsuid(0);
+    EXPECT_EQ(ended.exitCode(), ExitCode::Denied);
+    EXPECT_EQ(ended.out, "");
+    EXPECT_TRUE(contains(ended.err, "which the group '")) << ended.err;
+    // What may be used is still listed.
+    EXPECT_EQ(list.exitCode(), ExitCode::Ok);
+    EXPECT_TRUE(contains(list.out, "master   (no permission)")) << list.out;
 }
 
 TEST(ExitCodes, AStrangerOnTheSocketIsAFailure) {
