@@ -12,8 +12,6 @@ namespace {
 
 /// The longest wait for room in one go: the descriptor may be redirected meanwhile.
 constexpr int kRoomPollMs = 500;
-/// Pause after a descriptor that claimed to have room took nothing (a terminal with room for half a line break).
-constexpr auto kNoRoomPause = std::chrono::milliseconds(10);
 /// The level of the line that tells of lost ones: degraded, but going on.
 constexpr std::uint32_t kLostLevel = 3;
 
@@ -53,23 +51,32 @@ void LogSink::reportLost(std::size_t withRoomFor) {
 /// Writes what can be written at once. True: nothing is left to do.
 bool LogSink::writeBacklog() {
     while (!backlog_.empty()) {
-        const std::string& text = backlog_.front().text;
-        const ssize_t count = StdOut::writeSome(std::string_view(text).substr(begun_));
-        failing_ = count < 0;
-        if (failing_) {
-            dropBacklog();
-        } else if (count == 0) {
-            return false;
-        } else {
-            begun_ += static_cast<std::size_t>(count);
-            if (begun_ < text.size()) continue;
-            backlogBytes_ -= text.size();
-            backlog_.pop_front();
-            begun_ = 0;
-        }
+        const ssize_t count = StdOut::writeSome(unwritten());
+        if (count == 0) return false;
+        noteWritten(count);
     }
     empty_.notify_all();
     return true;
+}
+
+/// The first line as far as it is not out. Valid without the lock, too, on the thread that writes: that one alone takes
+/// lines away.
+std::string_view LogSink::unwritten() const {
+    return std::string_view(backlog_.front().text).substr(begun_);
+}
+
+/// What became of a write of unwritten().
+void LogSink::noteWritten(ssize_t count) {
+    failing_ = count < 0;
+    if (failing_) {
+        dropBacklog();
+        return;
+    }
+    begun_ += static_cast<std::size_t>(count);
+    if (begun_ < backlog_.front().text.size()) return;
+    backlogBytes_ -= backlog_.front().text.size();
+    backlog_.pop_front();
+    begun_ = 0;
 }
 
 void LogSink::dropBacklog() {
@@ -91,6 +98,7 @@ void LogSink::startDraining() {
 
 void LogSink::drain() {
     MutexLock lock(mutex_);
+    bool claimsRoom = false;
     for (;;) {
         const std::size_t before = backlogBytes_ - begun_;
         if (writeBacklog()) {
@@ -98,11 +106,14 @@ void LogSink::drain() {
             reportLost(0);
             continue;
         }
-        const bool stuck = backlogBytes_ - begun_ >= before;
+        const bool tookNothing = backlogBytes_ - begun_ == before;
+        const std::string_view rest = unwritten();
         lock.unlock();
-        if (stuck) std::this_thread::sleep_for(kNoRoomPause);
-        StdOut::awaitRoom(kRoomPollMs);
+        // Room that cannot be had without waiting: a terminal that cannot be opened once more. Here nobody else waits.
+        const ssize_t count = claimsRoom && tookNothing ? StdOut::writeWaiting(rest) : 0;
+        if (count == 0) claimsRoom = StdOut::awaitRoom(kRoomPollMs);
         lock.lock();
+        if (count != 0) noteWritten(count);
     }
     draining_ = false;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -40,6 +42,8 @@ private:
     void keep(Line line) REQUIRES(mutex_);
     void reportLost(std::size_t withRoomFor) REQUIRES(mutex_);
     bool writeBacklog() REQUIRES(mutex_);
+    std::string_view unwritten() const REQUIRES(mutex_);
+    void noteWritten(ssize_t count) REQUIRES(mutex_);
     void dropBacklog() REQUIRES(mutex_);
     void startDraining() REQUIRES(mutex_);
     void drain();

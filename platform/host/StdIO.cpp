@@ -12,13 +12,17 @@ constexpr int kPollMs = 20;
 
 void StdIO::Writer::write(std::string_view text) noexcept {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    bool claimsRoom = false;
     while (!text.empty()) {
-        const ssize_t written = StdOut::writeSome(text);
+        ssize_t written = StdOut::writeSome(text);
+        // A terminal that cannot be written without waiting: where it has room, it has room for a byte.
+        if (written == 0 && claimsRoom) written = StdOut::writeWaiting(text.substr(0, 1));
         if (written < 0) return;
         text.remove_prefix(static_cast<std::size_t>(written));
+        claimsRoom = false;
         if (written > 0) continue;
         if (std::chrono::steady_clock::now() >= deadline) return;
-        StdOut::awaitRoom(kPollMs);
+        claimsRoom = StdOut::awaitRoom(kPollMs);
     }
 }
 

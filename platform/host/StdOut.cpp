@@ -14,9 +14,6 @@
 
 namespace {
 
-/// What a terminal that cannot be opened a second time is given at once: poll() says that it has room, not how much.
-constexpr std::size_t kTerminalPiece = 64;
-
 ssize_t noRoomIsZero(ssize_t written) noexcept {
     return written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : written;
 }
@@ -36,7 +33,7 @@ ssize_t plainWrite(int descriptor, std::string_view bytes) noexcept {
 /// A pipe or a terminal. Both wait in write() unless their open file is non-blocking. The one behind descriptor 1 is
 /// shared with whoever started us, so one of our own is opened for the time of the write: not kept, since it would keep
 /// a pipe's reader from its end-of-file.
-ssize_t writeReopened(std::string_view bytes, std::size_t safePiece) noexcept {
+ssize_t writeReopened(std::string_view bytes, bool isPipe) noexcept {
     const int own = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (own >= 0) {
         const ssize_t written = plainWrite(own, bytes);
@@ -49,10 +46,10 @@ ssize_t writeReopened(std::string_view bytes, std::size_t safePiece) noexcept {
         errno = EPIPE;
         return -1;
     }
-    // No /proc, no free descriptor, or a pipe or terminal of another user: as much as fits for sure.
-    pollfd room{STDOUT_FILENO, POLLOUT, 0};
-    if (repeatInterrupted([&] { return poll(&room, 1, 0); }) <= 0) return 0;
-    return noRoomIsZero(plainWrite(STDOUT_FILENO, bytes.substr(0, safePiece)));
+    // No /proc, no free descriptor, or a pipe or terminal of another user. Of a pipe poll() says that there is room for
+    // PIPE_BUF bytes, of a terminal only that there is some.
+    if (!isPipe || !StdOut::awaitRoom(0)) return 0;
+    return noRoomIsZero(plainWrite(STDOUT_FILENO, bytes.substr(0, PIPE_BUF)));
 }
 
 }  // namespace
@@ -64,14 +61,18 @@ ssize_t StdOut::writeSome(std::string_view bytes) noexcept {
         return noRoomIsZero(repeatInterrupted(
             [=] { return send(STDOUT_FILENO, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL); }));
     }
-    if (S_ISFIFO(status.st_mode)) return writeReopened(bytes, PIPE_BUF);  // POLLOUT: room for PIPE_BUF bytes
-    if (S_ISCHR(status.st_mode) && isatty(STDOUT_FILENO)) return writeReopened(bytes, kTerminalPiece);
+    if (S_ISFIFO(status.st_mode)) return writeReopened(bytes, true);
+    if (S_ISCHR(status.st_mode) && isatty(STDOUT_FILENO)) return writeReopened(bytes, false);
+    return writeWaiting(bytes);  // a file, whose writes wait for nobody
+}
+
+ssize_t StdOut::writeWaiting(std::string_view bytes) noexcept {
     return noRoomIsZero(plainWrite(STDOUT_FILENO, bytes));
 }
 
-void StdOut::awaitRoom(int timeoutMs) noexcept {
+bool StdOut::awaitRoom(int timeoutMs) noexcept {
     pollfd room{STDOUT_FILENO, POLLOUT, 0};
-    poll(&room, 1, timeoutMs);
+    return poll(&room, 1, timeoutMs) > 0;
 }
 
 bool StdOut::isJournal() noexcept {

@@ -36,11 +36,9 @@ void Termination::takeSignals() {
     sigaddset(&signals_, SIGTERM);
     sigaddset(&signals_, SIGINT);
     if (!hangupIsIgnored()) sigaddset(&signals_, SIGHUP);
+    // Also what the parent ignores comes now, as SIGINT in what a shell without job control puts into the background:
+    // Linux keeps a blocked signal whatever its disposition.
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-    // A shell without job control ignores SIGINT in what it puts into the background, and the kernel drops an ignored
-    // signal even where it is blocked.
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGINT, SIG_DFL);
     try {
         signalThread_ = std::thread(&Termination::signalLoop, this);
     } catch (const std::system_error&) {
@@ -144,6 +142,8 @@ void Termination::tryDeliver() {
             mainInterrupt_.reset();
         } else if (!patienceEnds_) {
             patienceEnds_ = Clock::now() + kStartPatience;
+            // It waits without a limit when another thread's attempt was under way while its own signal came.
+            if (signalLoop_ && !pthread_equal(*signalLoop_, pthread_self())) pokeSignalThread();
         }
     }
     trying_ = false;
