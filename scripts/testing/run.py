@@ -9,13 +9,13 @@ import time
 import runners
 from runners import BUILD, FAILED, JOBS, ROOT, Count, say
 
-SUPPRESSIONS = ROOT / "scripts/testing"
+SUPPRESSIONS = ROOT / "tests"
 # How much slower the service is under a tool: it stretches the limits of the scenarios.
 ASAN = {"ASAN_OPTIONS": "detect_stack_use_after_return=1:strict_string_checks=1",
         "UBSAN_OPTIONS": "print_stacktrace=1",
         "LSAN_OPTIONS": f"suppressions={SUPPRESSIONS}/lsan.supp:print_suppressions=0:fast_unwind_on_malloc=0",
         "BTN_SLOWNESS": "3"}
-TSAN = {"TSAN_OPTIONS": "second_deadlock_stack=1", "BTN_SLOWNESS": "5"}
+TSAN = {"TSAN_OPTIONS": f"second_deadlock_stack=1:suppressions={SUPPRESSIONS}/tsan.supp", "BTN_SLOWNESS": "5"}
 VALGRIND = {"BTN_WRAPPER": "valgrind --quiet --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds="
                            f"definite --error-exitcode=99 --suppressions={SUPPRESSIONS}/valgrind.supp",
             "BTN_SLOWNESS": "20"}
