@@ -32,7 +32,7 @@ class Service;
 ///   wakes them too but does not change the state; nothing is outstanding then, so that later waits end at once.
 /// - Paired: nothing is outstanding. Who waited is woken once the profiles were read.
 /// - Unpairing: a paired device that was asked to unpair. Nothing is outstanding and BlueZ was not told; the device
-///   stays so until BlueZ removes it, and who waits meanwhile waits for the time-out.
+///   stays so until BlueZ removes it, and who waits meanwhile waits for that or for the time-out.
 ///
 /// In the three states that wait for BlueZ, its answer is taken exactly once, at the latest when the connection ends,
 /// and wakes whoever waits, whatever becomes of the state. A wait that enters the list and a step that wakes the list
@@ -62,6 +62,8 @@ public:
     std::uint32_t waitPaired(std::uint32_t timeoutMs);
     /// Cancels the pairing under way and waits for its end.
     std::uint32_t unpair();
+    /// BlueZ has removed the device: that ends an unpairing. Dispatch thread.
+    void removed();
     /// Dispatch thread.
     void handleEvent(const AuthenticationAgent::Event& event) override;
 

@@ -84,6 +84,7 @@ bool Devices::removeDevice(Ref<String> path) {
     // A request in progress may keep the device for long, a pairing that BlueZ does not answer for one; its name in the
     // tree is free for a device that BlueZ announces anew.
     device->server().withdraw();
+    device->removed();
     return true;
 }
 

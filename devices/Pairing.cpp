@@ -292,6 +292,13 @@ bool Device::cancelPairing(const ServiceHold& service, const PairingAttempt& att
     return sent;
 }
 
+void Device::removed() {
+    const ServiceHold service = holdService();
+    const MonGuard guard(waitersLock_);
+    // Of a pairing that is under way BlueZ still owes the answer.
+    if (getPairingState() == PairingState::Unpairing) transit(PairingState::Unpaired, service);
+}
+
 std::uint32_t Device::removeDevice() {
     const ServiceHold service = holdService();
     if (!service) return ResultCode::kSuccess;

@@ -231,7 +231,7 @@ TEST_F(DeviceCommands, ConnectTakesTheFirstOptionForItsTimeOutWhateverItsName) {
     EXPECT_EQ(execute({list("CONNECT", {integer("WHATEVER", 250), integer("TIMEOUT", 60000)})}),
               "CONNECT=[RESULT=4294967295]");
     EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(250));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(1250));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(5250));
 }
 
 TEST_F(DeviceCommands, ConnectTakesTheLowBitsOfItsTimeOut) {
@@ -269,7 +269,7 @@ TEST_F(DeviceCommands, WaitConnectedTakesItsTimeOutInMilliseconds) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(execute({list("WAIT_CONNECTED", {integer("TIMEOUT", 200)})}), "WAIT_CONNECTED=33859");
     EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(200));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(1200));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(5200));
     pair->reply();
     EXPECT_EQ(connecting->answer(), Connected(0, ""));
     EXPECT_EQ(execute({none("WAIT_CONNECTED")}), "WAIT_CONNECTED=0");

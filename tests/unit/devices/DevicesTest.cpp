@@ -141,6 +141,21 @@ TEST_F(DevicesTest, GivesADeviceBackToWhoeverHoldsIt) {
     EXPECT_TRUE(goesAway(device));
 }
 
+TEST_F(DevicesTest, PublishesADeviceAgainWhileItsPredecessorIsStillInUse) {
+    EXPECT_TRUE(add(kPath, kAddress));
+    const Ref<Device> predecessor = find(kPath);
+    std::unique_ptr<Request<Connected>> request;
+    const auto pair = beginPairing(predecessor, &request);
+    EXPECT_TRUE(remove(kPath));
+    EXPECT_FALSE(isPublished(node_));
+    EXPECT_TRUE(add(kPath, kAddress));
+    EXPECT_TRUE(isPublished(node_));
+    EXPECT_NE(find(kPath), predecessor);
+    pair->error("org.bluez.Error.AuthenticationCanceled");
+    EXPECT_EQ(request->answer(), Connected(-1, ""));
+    EXPECT_TRUE(isPublished(node_));
+}
+
 TEST_F(DevicesTest, MakesRequestsWaitWhileADeviceIsBeingAdded) {
     EXPECT_TRUE(add(kPath, kAddress));
     bluez_.on(kProperties, "Get", bluez_.holds());

@@ -105,6 +105,32 @@ TEST_F(PairingRace, AnAnswerAndManyWaitersWithoutOrder) {
     expectNothingLeft(device);
 }
 
+TEST_F(PairingRace, AnAnswerAndADisconnectWithoutOrder) {
+    const Ref<Device> device = makeUnpaired();
+    std::mt19937 random(1);
+    int cancelled = 0;
+    for (int round = 0; round < 400; ++round) {
+        std::unique_ptr<Request<Connected>> request;
+        const auto pair = beginPairing(device, &request);
+        const std::chrono::microseconds delay(random() % 300);  // about as long as an answer is under way
+        std::barrier begin(2);
+        Request<std::uint32_t> cancel([&] {
+            begin.arrive_and_wait();
+            const auto start = std::chrono::steady_clock::now();
+            while (std::chrono::steady_clock::now() - start < delay) continue;
+            return device->unpair();
+        });
+        begin.arrive_and_wait();
+        pair->error("org.bluez.Error.Failed");
+        if (cancel.answer() == ResultCode::kSuccess) ++cancelled;
+        EXPECT_EQ(request->answer(), Connected(-1, ""));
+    }
+    settle();
+    EXPECT_EQ(device->getPairingState(), State::Unpaired);
+    expectNothingLeft(device);
+    EXPECT_GT(cancelled, 0);
+}
+
 // An old pairing's last steps and the next pairing
 
 TEST_F(PairingRace, TheNextPairingBeginsBeforeTheLastStepsOfTheOldOne) {
@@ -418,6 +444,18 @@ TEST_F(PairingRace, TheDeviceDisappearsInTheMiddleOfAPairing) {
     EXPECT_FALSE(listened(kPath));
     request.reset();
     waiting.clear();
+    EXPECT_TRUE(goesAway(device));
+}
+
+TEST_F(PairingRace, TheDeviceDisappearsWhileItIsUnpairing) {
+    Ref<Device> device = publish();
+    DeviceProbe::forceState(*device, State::Paired);
+    EXPECT_EQ(device->unpair(), ResultCode::kFailure);
+    auto waiting = awaitPaired(device);
+    ASSERT_TRUE(waitForWaiters(device, 1));
+    EXPECT_TRUE(service_->devices().removeDevice(text(kPath)));
+    EXPECT_EQ(waiting->answer(), ResultCode::kFailure);
+    waiting.reset();
     EXPECT_TRUE(goesAway(device));
 }
 

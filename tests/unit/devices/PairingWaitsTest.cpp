@@ -21,8 +21,8 @@ protected:
         return std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
     }
 
-    /// "At once" on a loaded machine and under sanitizers.
-    static constexpr std::int64_t kAtOnceMs = 1000;
+    /// "At once" on a loaded machine and under sanitizers; what would end the waits otherwise takes 25 s or for ever.
+    static constexpr std::int64_t kAtOnceMs = 5000;
 };
 
 TEST_F(PairingWaits, ConnectEndsOnTimeOnAQuietBus) {
@@ -54,7 +54,7 @@ TEST_F(PairingWaits, ConnectWithALongTimeOutIsNotEndedByAShortOne) {
 TEST_F(PairingWaits, ThePairsTimeOutWakesWaitersThoughConnectHasReturned) {
     const Ref<Device> device = makeUnpaired();
     bluez_.on(kDeviceInterface, "Pair", FakePeer::silent());
-    const auto request = connect(device, 500);
+    const auto request = connect(device, 2000);
     ASSERT_TRUE(bluez_.waitForCalls(kDeviceInterface, "Pair"));
     displayPincode(kPath, "1111");
     EXPECT_EQ(request->answer(), Connected(1, "1111"));
@@ -71,7 +71,7 @@ TEST_F(PairingWaits, WaitConnectedEndsOnTime) {
     EXPECT_EQ(result, ResultCode::kFailure);
     EXPECT_GE(ms, 200);
     EXPECT_LT(ms, 200 + kAtOnceMs);
-    EXPECT_LT(duration([&] { result = device->waitPaired(0); }), 200);
+    EXPECT_LT(duration([&] { result = device->waitPaired(0); }), kAtOnceMs);
     EXPECT_EQ(result, ResultCode::kFailure);
     EXPECT_EQ(DeviceProbe::waiters(*device), 0u);
     pair->reply();

@@ -208,7 +208,7 @@ TEST_F(Profiles, AreGivenASecondToConnect) {
     EXPECT_EQ(device->activateProfile(0x110B), -1);
     const auto took = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(took, milliseconds(1000));
-    EXPECT_LT(took, milliseconds(2000));
+    EXPECT_LT(took, milliseconds(6000));
     EXPECT_FALSE(device->profileAt(0)->active());
 }
 
@@ -280,11 +280,9 @@ TEST_F(Profiles, ThePairsAnswerWaitsForTheListWhileConnectProfileIsAnswered) {
     pair->reply();
     // The dispatch thread has asked for the UUIDs, and needs the list for the answer.
     ASSERT_TRUE(bluez_.waitForCalls(kProperties, "Get"));
-    const auto begin = std::chrono::steady_clock::now();
     call->reply();
-    EXPECT_EQ(activating->answer(), 0);
+    EXPECT_EQ(activating->answer(), 0);  // and not -1, as at its time-out
     EXPECT_EQ(request->answer(), Connected(0, ""));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(900));
     EXPECT_EQ(numbers(device), (std::vector<std::uint32_t>{0x110B, 0x110B}));
     EXPECT_TRUE(device->profileAt(0)->active());
 }
