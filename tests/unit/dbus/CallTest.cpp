@@ -45,17 +45,18 @@ TEST_F(Call, MayBeMadeTwiceWithOneMessage) {
 TEST_F(Call, TimesOutOnTimeOnAQuietBusWithLibdbussError) {
     const Dispatcher dispatcher(connection_);
     for (const int timeoutMs : {0, 1, 20, 250}) {
-        Error error;
-        const auto start = Clock::now();
-        EXPECT_FALSE(callPeer(connection_, "Never", timeoutMs, error));
-        const auto took = since(start);
+        const milliseconds limit(timeoutMs + 200);
+        const auto took = leastOf(limit, [&] {
+            Error error;
+            EXPECT_FALSE(callPeer(connection_, "Never", timeoutMs, error));
+            EXPECT_EQ(error.name(), DBUS_ERROR_NO_REPLY);
+            EXPECT_EQ(error.message(),
+                      "Did not receive a reply. Possible causes include: the remote application did not send a reply, "
+                      "the message bus security policy blocked the reply, the reply timeout expired, or the network "
+                      "connection was broken.");
+        });
         EXPECT_GE(took, milliseconds(timeoutMs));
-        EXPECT_LT(took, milliseconds(timeoutMs + 200));
-        EXPECT_EQ(error.name(), DBUS_ERROR_NO_REPLY);
-        EXPECT_EQ(error.message(),
-                  "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
-                  "message bus security policy blocked the reply, the reply timeout expired, or the network connection "
-                  "was broken.");
+        EXPECT_LT(took, limit);
     }
 }
 
@@ -145,19 +146,6 @@ TEST_F(Call, OnAClosedConnectionFailsAtOnce) {
     EXPECT_FALSE(DBus::dbus_connection_send(connection_, methodCall("Answer").get(), nullptr));
 }
 
-/// The 99th percentile of what 2,000 calls took.
-template <class MakeCall>
-Clock::duration timeCalls(MakeCall makeCall) {
-    std::vector<Clock::duration> took(2000);
-    for (auto& duration : took) {
-        const auto start = Clock::now();
-        EXPECT_TRUE(makeCall());
-        duration = Clock::now() - start;
-    }
-    std::sort(took.begin(), took.end());
-    return took[took.size() * 99 / 100];
-}
-
 /// libdbus's own connection, used by one thread only.
 class PlainConnection {
 public:
@@ -179,20 +167,47 @@ private:
     ::DBusConnection* const connection_;
 };
 
-/// The calls of a request thread take less than 5 ms at the 99th percentile. On a machine so busy that plain libdbus,
-/// with one thread, takes more than that, thrice what plain libdbus takes; what this is after costs 400 ms each.
+/// What calls took.
+class Durations {
+public:
+    template <class MakeCall>
+    void time(MakeCall makeCall) {
+        const auto start = Clock::now();
+        EXPECT_TRUE(makeCall());
+        took_.push_back(Clock::now() - start);
+    }
+    std::chrono::microseconds percentile(std::size_t percent) {
+        std::sort(took_.begin(), took_.end());
+        return std::chrono::duration_cast<std::chrono::microseconds>(took_[took_.size() * percent / 100]);
+    }
+
+private:
+    std::vector<Clock::duration> took_;
+};
+
+/// 2,000 calls of a request thread, in turn with as many on a plain connection of libdbus, which show how busy the
+/// machine is. Less than 5 ms at the 99th percentile, in one round of five, as a machine may become busy meanwhile. On
+/// a busy one nothing can be said of that percentile, but what this is after costs 400 ms in each call.
 void expectFastCalls(DBus::DBusConnection* connection) {
     const PlainConnection plain;
-    const auto usual = timeCalls([&] { return plain.call(); });
-    const auto calls = [&] { return timeCalls([&] { return callPeer(connection, "Answer") != nullptr; }); };
-    const auto ours = std::async(std::launch::async, calls).get();
-    const auto micros = [](Clock::duration time) {
-        return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
-    };
-    ::testing::Test::RecordProperty("p99_us", micros(ours));
-    ::testing::Test::RecordProperty("plain_p99_us", micros(usual));
-    EXPECT_LT(ours, std::max<Clock::duration>(milliseconds(5), 3 * usual))
-        << micros(ours) << " us, plain " << micros(usual) << " us";
+    for (int round = 1;; ++round) {
+        Durations usual, ours;
+        std::thread([&] {
+            for (int i = 0; i < 2000; ++i) {
+                usual.time([&] { return plain.call(); });
+                ours.time([&] { return callPeer(connection, "Answer") != nullptr; });
+            }
+        }).join();
+        const auto p99 = ours.percentile(99);
+        ::testing::Test::RecordProperty("p99_us", std::to_string(p99.count()));
+        ::testing::Test::RecordProperty("plain_p99_us", std::to_string(usual.percentile(99).count()));
+        if (p99 < milliseconds(5)) return;
+        if (usual.percentile(99) > milliseconds(1)) {
+            EXPECT_LT(ours.percentile(50), milliseconds(100));
+            return;
+        }
+        ASSERT_LT(round, 5) << p99.count() << " us, plain " << usual.percentile(99).count() << " us";
+    }
 }
 
 TEST_F(Call, TakesARoundTripOnAQuietBus) {

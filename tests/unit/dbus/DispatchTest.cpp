@@ -95,8 +95,7 @@ TEST_F(Dispatch, TakesOneMessageAtATime) {
 }
 
 TEST_F(Dispatch, WaitsForItsTimeOutOnAQuietBus) {
-    while (DBus::dbus_connection_read_write_dispatch(connection_, 0) && !callPeer(connection_, "Answer")) {
-    }
+    EXPECT_TRUE(callPeer(connection_, "Answer"));
     // The bus tells a few things after Hello: until they are through, a wait may be a short one.
     for (int rest = 5;; --rest) {
         const auto start = Clock::now();
@@ -110,7 +109,7 @@ TEST_F(Dispatch, WaitsForItsTimeOutOnAQuietBus) {
 
 TEST_F(Dispatch, IsWokenWhileItWaitsAndWhenItWaitsNext) {
     for (int i = 0; i < 5; ++i) DBus::dbus_connection_read_write_dispatch(connection_, 0);
-    auto start = Clock::now();
+    const auto start = Clock::now();
     DBus::dbus_connection_wakeup(connection_);
     EXPECT_TRUE(DBus::dbus_connection_read_write_dispatch(connection_, -1));
     std::atomic<bool> returned{false};
@@ -353,10 +352,10 @@ TEST_F(Dispatch, ReportsTheEndOnlyWhenWhatCameBeforeItIsDispatched) {
     bus_.kill();
     EXPECT_TRUE(waitUntil([&] { return !DBus::dbus_connection_get_is_connected(connection_); }));
     const auto start = Clock::now();
-    while (DBus::dbus_connection_read_write_dispatch(connection_, 500)) {
+    while (DBus::dbus_connection_read_write_dispatch(connection_, 60000)) {
     }
     EXPECT_EQ(seen, 50);
-    EXPECT_LT(since(start), milliseconds(400));
+    EXPECT_LT(since(start), kPatience);
     EXPECT_FALSE(DBus::dbus_connection_read_write_dispatch(connection_, -1));
 }
 

@@ -73,15 +73,16 @@ TEST_F(Lifecycle, PublishesNodesWhileItRunsAndNoneAfterwards) {
 }
 
 TEST_F(Lifecycle, AStopEndsAQuietServiceAtOnce) {
-    // A loop that only noticed the stop after its wait would take 500 ms each time.
+    // A loop that only noticed the stop after its wait would take 500 ms each time, however busy the machine is.
+    constexpr auto kLess = 450ms;
     auto shortest = steady_clock::duration::max();
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < 20 && shortest >= kLess; ++round) {
         start();
         const auto begin = steady_clock::now();
         service_->stop();
         shortest = std::min(shortest, steady_clock::now() - begin);
     }
-    EXPECT_THAT(shortest, Lt(450ms));
+    EXPECT_THAT(shortest, Lt(kLess));
 }
 
 TEST_F(Lifecycle, TwoStopsAreOne) {
@@ -120,7 +121,7 @@ TEST_F(Lifecycle, TheLossOfTheBusEndsBlockedRequests) {
     client.sendExecute("INQUIRY_START");
     ASSERT_TRUE(bluez_->takeHeld());
     bus_.kill();
-    EXPECT_TRUE(service_->waitForEnd(stretched(5s)));
+    EXPECT_TRUE(service_->waitForEnd());
 }
 
 TEST_F(Lifecycle, AStopEndsBlockedRequestsAndAnswersItsOwn) {
@@ -131,7 +132,7 @@ TEST_F(Lifecycle, AStopEndsBlockedRequestsAndAnswersItsOwn) {
     client.sendExecute("INQUIRY_START");
     ASSERT_TRUE(bluez_->takeHeld());
     EXPECT_THAT(NodeClient("bluetooth/service").execute("STOP"), HasSubstr("STOP"));
-    EXPECT_TRUE(service_->waitForEnd(stretched(5s)));
+    EXPECT_TRUE(service_->waitForEnd());
     EXPECT_EQ(client.receive(), "") << "closed unanswered";
 }
 
