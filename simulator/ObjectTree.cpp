@@ -56,7 +56,7 @@ void ObjectTree::addInterface(const std::string& path, Interface interface) {
 void ObjectTree::tellAdded(const std::string& path, const Object& interfaces) const {
     const auto signal = bus_.newSignal("/", kObjectManager, "InterfacesAdded");
     if (!signal || sd_bus_message_append_basic(signal.get(), 'o', path.c_str()) < 0) return;
-    if (appendInterfaces(signal.get(), interfaces) >= 0) bus_.send(signal);
+    if (appendInterfaces(signal.get(), interfaces) >= 0) send(signal);
 }
 
 void ObjectTree::remove(const std::string& path, Notify notify) {
@@ -69,7 +69,7 @@ void ObjectTree::remove(const std::string& path, Notify notify) {
     if (names.size() > 1 && names[0] == kIntrospectable && names[1] == kProperties) std::swap(names[0], names[1]);
     const auto signal = bus_.newSignal("/", kObjectManager, "InterfacesRemoved");
     if (!signal || sd_bus_message_append_basic(signal.get(), 'o', path.c_str()) < 0) return;
-    if (Value::strings(names).appendTo(signal.get()) >= 0) bus_.send(signal);
+    if (Value::strings(names).appendTo(signal.get()) >= 0) send(signal);
 }
 
 Interface* ObjectTree::find(const std::string& path, std::string_view interface) {
@@ -140,13 +140,17 @@ bool ObjectTree::breakReading(const std::string& path, std::string_view interfac
     return true;
 }
 
+void ObjectTree::send(const MessagePtr& signal) const {
+    if (!isQuiet_) bus_.send(signal);
+}
+
 void ObjectTree::tellChanged(const std::string& path, std::string_view interface, const NamedValues& changed,
                              const std::vector<std::string>& invalidated) const {
     const auto signal = bus_.newSignal(path, kProperties, "PropertiesChanged");
     if (!signal || Value::string(std::string(interface)).appendTo(signal.get()) < 0) return;
     if (dictionary(changed).appendTo(signal.get()) < 0 || Value::strings(invalidated).appendTo(signal.get()) < 0)
         return;
-    bus_.send(signal);
+    send(signal);
 }
 
 int ObjectTree::appendProperties(sd_bus_message* message, const Interface& interface) {

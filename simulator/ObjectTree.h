@@ -38,6 +38,9 @@ class ObjectTree {
 public:
     explicit ObjectTree(Bus& bus) : bus_(bus) {}
 
+    /// While quiet it sends no signals: nobody knows the simulator yet.
+    void setQuiet(bool isQuiet) { isQuiet_ = isQuiet; }
+
     bool has(const std::string& path) const { return objects_.count(path) != 0; }
     bool has(const std::string& path, std::string_view interface) const { return find(path, interface) != nullptr; }
     std::vector<std::string> paths() const;
@@ -95,7 +98,10 @@ private:
     void introspect(const Call& call) const;
     std::string introspection(const Interface& interface) const;
 
+    void send(const MessagePtr& signal) const;
+
     Bus& bus_;
+    bool isQuiet_ = false;
     std::map<std::string, Object> objects_;
     std::map<std::string, std::vector<MethodInfo>> methods_;  // by interface
 };

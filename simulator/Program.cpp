@@ -36,7 +36,9 @@ int simulate(const Options& options, const std::function<void()>& ready) {
         if (!control.handle(call)) simulation.handle(call);
     };
     bus->onClientGone = [&](const std::string& client) { simulation.clientGone(client); };
+    simulation.world().objects.setQuiet(true);
     simulation.load(scenario->make());
+    simulation.world().objects.setQuiet(false);
     if (!bus->ownName("org.bluez", error)) return complain(error);
     ready();
     return loop->run() == 0 ? 0 : complain("lost the connection to the bus");

@@ -45,6 +45,7 @@ Scenario tour() {
         {"hci1", "5C:F3:70:12:34:05", "speaker", 1200ms},
     };
     scenario.tuning.typeAfter = 3s;
+    scenario.tuning.forgetAfter = 5min;  // people take their time
     return scenario;
 }
 

@@ -81,9 +81,13 @@ bool Engine::open(std::string& reason) {
         const Lock lock(reserveLock_);
         reserve_ = Fd(openReserve());
     }
-    if (startThread()) return true;
-    reason = "no thread can be started";
-    return false;
+    if (!startThread()) {
+        reason = "no thread can be started";
+        return false;
+    }
+    // The follower from the beginning: where no more threads can be had, requests are still served one at a time.
+    startThread();
+    return true;
 }
 
 bool Engine::add(Pollable& target, int fd, std::uint32_t events) {

@@ -88,8 +88,6 @@ TEST_F(ControlInterface, CallsAreAnsweredLate) {
     client().control("AnswerLate", {text(kHci0), text("Get"), Value::uint32(1), Value::uint32(60)});
     const auto before = std::chrono::steady_clock::now();
     const auto late = startName();
-    EXPECT_TRUE(client().property(kHci1, kAdapter1, "Name"));
-    EXPECT_FALSE(late->isAnswered);
     EXPECT_TRUE(client().property(kHci0, kAdapter1, "Name"));  // only the first
     ASSERT_TRUE(client().waitFor([&] { return late->isAnswered; }));
     EXPECT_TRUE(late->isOk());
@@ -156,7 +154,7 @@ TEST_F(ControlInterface, SignalsToOneClientReachNobodyElse) {
 TEST_F(ControlInterface, AgentsAreCalledWithAnything) {
     client().registerAgent();
     const auto result = client().control("CallAgent", {text(client().name()), text("DisplayPinCode"),
-                                                       Value::uint32(5000), arguments({text("wrong"), text("way")})});
+                                                       Value::uint32(20000), arguments({text("wrong"), text("way")})});
     EXPECT_EQ(result.at(0).text(), "");
     EXPECT_EQ(client().agentCalls.back().arguments, (Value::List{text("wrong"), text("way")}));
     client().control("CallAgent", {text(""), text("Cancel"), Value::uint32(0), arguments({})});
@@ -169,12 +167,12 @@ TEST_F(ControlInterface, AgentsAreCalledWithAnything) {
 TEST_F(ControlInterface, ClientsAreCalledAndTheirAnswersTold) {
     const auto call = [this](const char* name) {
         return client().control("CallClient", {text("org.freedesktop.DBus"), path("/"), text("org.freedesktop.DBus"),
-                                               text("NameHasOwner"), Value::uint32(5000), arguments({text(name)})});
+                                               text("NameHasOwner"), Value::uint32(20000), arguments({text(name)})});
     };
     EXPECT_EQ(call("org.bluez").at(2), Value::array("v", {Value::variant(Value::boolean(true))}));
     EXPECT_EQ(call("not a name").at(0).text(), "");
     const auto failed = client().control("CallClient", {text("org.example.Nobody"), path("/"), text("x.y"), text("Z"),
-                                                        Value::uint32(5000), arguments({})});
+                                                        Value::uint32(20000), arguments({})});
     EXPECT_EQ(failed.at(0).text(), "org.freedesktop.DBus.Error.ServiceUnknown");
 }
 
@@ -212,12 +210,12 @@ TEST_F(ControlInterface, WaitForCallsAnswersWhenThereWereEnough) {
 
 TEST_F(ControlInterface, FloodsKeepTheirRate) {
     client().control("Load", {text("hundred")});
+    const auto before = std::chrono::steady_clock::now();
     client().control("Flood", {Value::uint32(5000)});
     const auto sent = [this] { return client().control("FloodSent").at(0).number(); };
-    const auto before = std::chrono::steady_clock::now();
     ASSERT_TRUE(client().waitFor([&] { return sent() >= 2000; }));
     const auto taken = std::chrono::steady_clock::now() - before;
-    EXPECT_GE(taken, std::chrono::milliseconds(350));
+    EXPECT_GE(taken, std::chrono::milliseconds(390));  // 2,000 at 5,000 a second are 400
     client().control("Flood", {Value::uint32(0)});
     const auto total = sent();
     client().catchUp();

@@ -105,7 +105,6 @@ TEST_F(Models, UnreachableHesitantAndFailingEndWithTheirErrors) {
     const auto unreachable = client().start(device("unreachable"), kDevice1, "Pair");
     EXPECT_EQ(pair(device("hesitant")).errorName, "org.bluez.Error.AuthenticationTimeout");
     EXPECT_EQ(pair(device("failing")).errorName, "org.bluez.Error.AuthenticationFailed");
-    EXPECT_FALSE(unreachable->isAnswered);
     ASSERT_TRUE(client().waitFor([&] { return unreachable->isAnswered; }));
     EXPECT_EQ(unreachable->errorName, "org.bluez.Error.ConnectionAttemptFailed");
 }
@@ -127,22 +126,21 @@ TEST_F(Models, ProfileFailsAnswersEachConnectProfileWithAnError) {
     EXPECT_EQ(connectProfile(headset, kAudioSink).errorName, "org.bluez.Error.Failed");
 }
 
-TEST_F(Models, ProfileSlowTakesThreeSecondsAndIsBusyMeanwhile) {
+TEST_F(Models, ProfileSlowTakesThreeSeconds) {
     const auto headset = device("profile-slow");
     const auto before = std::chrono::steady_clock::now();
     const auto connecting = client().start(headset, kDevice1, "ConnectProfile", {text(kAudioSink)});
-    const auto busy = connectProfile(headset, kAudioSink);
-    EXPECT_EQ(busy.errorName, "org.bluez.Error.InProgress");
-    EXPECT_EQ(busy.errorText, "br-connection-busy");
     ASSERT_TRUE(client().waitFor([&] { return connecting->isAnswered; }));
     EXPECT_TRUE(connecting->isOk());
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(2900));
 }
 
-TEST_F(Models, ProfileNeverAnswersConnectProfileUntilTheDeviceGoes) {
+TEST_F(Models, ProfileNeverIsBusyWithConnectProfileUntilTheDeviceGoes) {
     const auto headset = device("profile-never");
     const auto connecting = client().start(headset, kDevice1, "ConnectProfile", {text(kAudioSink)});
-    EXPECT_EQ(connectProfile(headset, kAudioSink).errorName, "org.bluez.Error.InProgress");
+    const auto busy = connectProfile(headset, kAudioSink);
+    EXPECT_EQ(busy.errorName, "org.bluez.Error.InProgress");
+    EXPECT_EQ(busy.errorText, "br-connection-busy");
     EXPECT_FALSE(connecting->isAnswered);
     client().control("RemoveDevice", {path(headset)});
     ASSERT_TRUE(client().waitFor([&] { return connecting->isAnswered; }));
