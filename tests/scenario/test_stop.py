@@ -55,10 +55,12 @@ def test_an_unregistration_without_an_answer_is_waited_for_one_second(bluez, sta
     service = start()
     with service.control() as client:
         client.do("STOP")
-    asked = bluez.wait_call("UnregisterAgent")
+    bluez.wait_call("UnregisterAgent")
     assert service.wait() == 0
     line = service.wait_log(re.compile(DEREGISTER + r"Did not receive a reply\..*"), level=3)
-    assert 0.95 <= line.seen - asked.time <= stretched(1.7)
+    # By the service's own clock: on a busy machine the call is seen late.
+    ended = service.wait_log("Service terminated", level=1)
+    assert 0.95 <= (line.time - ended.time).total_seconds() <= stretched(1.7)
 
 
 def test_two_stops_in_one_call_give_two_results_and_two_lines(start):
