@@ -52,6 +52,10 @@ public:
     std::uint64_t get() const noexcept;
 
 private:
+    static std::uint64_t nextInstance() noexcept;
+
+    // Not the address: another field may have had it, and the thread its value.
+    const std::uint64_t instance_ = nextInstance();
     std::atomic<std::uint64_t> last_{0};
 };
 

@@ -124,8 +124,9 @@ TEST_F(Blocking, IdleConnectionsCostNoThread) {
         clients.push_back(std::make_unique<Client>(kNode));
         ASSERT_EQ(clients.back()->call(getCall("NAME")), kName);
     }
-    // Some were started for the crowd; not one for each.
-    EXPECT_LE(threadCount(), before + 10);
+    // A busy machine needs a few more at a time, as a thread that is put off while it serves has to be followed; how
+    // many are left when all is idle is a test of its own (TimeLimits).
+    EXPECT_LT(threadCount(), before + clients.size() / 4);
 }
 
 TEST_F(Blocking, AHangUpEndsTheWaitAndFreesTheThread) {

@@ -23,6 +23,15 @@ TEST(CallerId, AThreadThatNeverStoredReadsTheLastValue) {
     std::thread([&] { EXPECT_EQ(field.get(), 4u); }).join();
 }
 
+TEST(CallerId, AFieldKnowsNothingOfAnEarlierOneAtItsAddress) {
+    for (int round = 0; round < 2; ++round) {
+        CallerIdField field;
+        EXPECT_EQ(field.get(), 0u);
+        field.set(5);
+        EXPECT_EQ(field.get(), 5u);
+    }
+}
+
 TEST(CallerId, FieldsDoNotMixUp) {
     CallerIdField one;
     CallerIdField other;

@@ -186,7 +186,7 @@ std::size_t servedOf(std::size_t count, const std::string& node, std::vector<std
 
 using ConnectionLimits = TreeTest;
 
-TEST_F(ConnectionLimits, There512InAllAndMoreAreClosedAtOnce) {
+TEST_F(ConnectionLimits, Of512InAllEachIsServedAndMoreAreClosedAtOnce) {
     Child child({"serve", "Child", "test/one", "test/two"});
     ASSERT_EQ(child.line(), "ready");
     std::vector<std::unique_ptr<Client>> clients;
@@ -229,6 +229,26 @@ TEST_F(ConnectionLimits, WithoutDescriptorsAConnectionIsClosedAtOnceToo) {
     for (std::size_t at = served; at < clients.size(); ++at) EXPECT_TRUE(clients[at]->isClosed());
     clients.clear();
     EXPECT_TRUE(waitUntil([] { return Client("test/node").call(getCall("none")) == kNoValues; }));
+    EXPECT_EQ(child.end(), 0);
+}
+
+TEST_F(ConnectionLimits, WithoutThreadsRequestsAreServedOneAtATimeAndTheOthersAreBusy) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs the right to become another user";
+    constexpr uid_t kUser = 65533;
+    ASSERT_EQ(::chown(folder_.path().c_str(), kUser, kUser), 0);
+    Child child({"threadless", std::to_string(kUser), "test/node"});
+    ASSERT_EQ(child.line(), "ready");
+    const std::string name = stringReply("NAME", "node 1");
+    Client client("test/node");
+    for (int round = 0; round < 10; ++round) EXPECT_EQ(client.call(getCall("NAME")), name);
+    Client blocked("test/node");
+    blocked.send(executeCall({"WAIT"}));
+    EXPECT_TRUE(waitUntil([&] { return client.call(getCall("NAME")) == kBusy; }));
+    EXPECT_TRUE(client.call(nodeCall("Describe")).starts_with(R"({"parameters":{"node":)"));
+    EXPECT_TRUE(client.call(callText("org.varlink.service.GetInfo")).starts_with(R"({"parameters":{"vendor":)"));
+    EXPECT_EQ(Client("urgent").call(executeCall({"ID"})), integerReply("ID", 2));
+    blocked.hangUp();
+    EXPECT_TRUE(waitUntil([&] { return client.call(getCall("NAME")) == name; }));
     EXPECT_EQ(child.end(), 0);
 }
 

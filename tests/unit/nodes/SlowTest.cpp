@@ -101,5 +101,25 @@ TEST_F(TimeLimits, TenSecondsForAMessageAndForAReplyThatIsNotRead) {
                                         "3 Connection at its limit: test/node: too many calls are pending"}));
 }
 
+TEST_F(TimeLimits, ThreadsThatACrowdNeededEndWhenAllIsIdle) {
+    ASSERT_TRUE(service_.stop());
+    const std::size_t alone = threadCount();
+    TestService service("Crowded");
+    service.add("crowded/node", 7);
+    ASSERT_EQ(Client("crowded/node").call(getCall("NAME")), kName);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int count = 0; count < 50; ++count) {
+        clients.push_back(std::make_unique<Client>("crowded/node"));
+        clients.back()->send(executeCall({"WAIT"}));
+    }
+    ASSERT_TRUE(waitUntil([&] { return service.server().waiting == 50; }));
+    EXPECT_GT(threadCount(), 50u);
+    service.server().post(50);
+    for (const auto& client : clients) EXPECT_EQ(client->receive(), integerReply("WAIT", 0));
+    // This one, those a sanitizer has, and two that wait for events.
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= alone + 2; })) << threadCount();
+    for (const auto& client : clients) EXPECT_EQ(client->call(getCall("NAME")), kName);
+}
+
 }  // namespace
 }  // namespace NodesTest

@@ -73,7 +73,7 @@ TEST_F(Watch, CostsNoThread) {
         clients.push_back(std::make_unique<Client>(kNode));
         watch(*clients.back());
     }
-    EXPECT_LE(threadCount(), before + 10);  // some for the crowd, not one for each
+    EXPECT_LT(threadCount(), before + clients.size() / 4);  // a few for a busy machine, not one for each
 }
 
 TEST_F(Watch, WithdrawalOfTheNodeEndsItWithWithdrawn) {

@@ -6,6 +6,7 @@
 //   read:
 //                               "ready", and "executed" when it was
 //   limited DESCRIPTORS NODE    as serve, with RLIMIT_NOFILE (soft and hard) at that number
+//   threadless USER NODE        as serve, as user USER, who can start no more threads; "urgent" is the urgent node
 //   connect USER COUNT NODE     as user USER, opens COUNT connections; prints how many of them stay open
 
 #include <sys/resource.h>
@@ -75,6 +76,19 @@ int terminate(const std::string& node, const std::string& action) {
     return service.stop() ? 0 : 2;
 }
 
+int threadless(uid_t user, const std::string& node) {
+    Services::Nodes::requestOnTermination(String::create("urgent"), String::create("STOP"));
+    if (::setgid(user) != 0 || ::setuid(user) != 0) return 1;
+    TestService service("Child");
+    const rlimit none{0, 0};
+    if (!service.running() || ::setrlimit(RLIMIT_NPROC, &none) != 0) return 1;
+    service.add(node, 1);
+    service.add("urgent", 2);
+    say("ready");
+    awaitEndOfInput();
+    return service.stop() ? 0 : 2;
+}
+
 int connectAs(uid_t user, std::size_t count, const std::string& node) {
     if (::setgid(user) != 0 || ::setuid(user) != 0) return 1;
     std::vector<std::unique_ptr<Client>> clients;
@@ -105,6 +119,7 @@ int main(int argc, char** argv) {
         if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
         return serve("Child", {arguments[2]});
     }
+    if (mode == "threadless") return threadless(static_cast<uid_t>(std::stoul(arguments[1])), arguments[2]);
     if (mode == "connect" && arguments.size() == 4) {
         return connectAs(static_cast<uid_t>(std::stoul(arguments[1])), std::stoul(arguments[2]), arguments[3]);
     }
