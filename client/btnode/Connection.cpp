@@ -22,7 +22,8 @@ Error limitError(Ready how) {
 }
 
 Error gone() {
-    return {ErrorKind::Gone, "the connection was closed before the answer: the node is gone"};
+    return {ErrorKind::Gone, "the connection was closed before the answer came",
+            "The node was withdrawn, or the service ended."};
 }
 
 Error systemError(const char* what) {

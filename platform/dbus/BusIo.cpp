@@ -53,7 +53,7 @@ BusIo::~BusIo() {
 }
 
 std::shared_ptr<BusIo> BusIo::open(DBusBusType type, DBusError* error) {
-    const std::shared_ptr<BusIo> io(new BusIo);
+    std::shared_ptr<BusIo> io(new BusIo);
     if (io->wakeFd_ < 0 || !io->start(type)) {
         ::dbus_set_error_const(error, DBUS_ERROR_LIMITS_EXCEEDED, "No descriptor or thread left for the connection");
         return nullptr;

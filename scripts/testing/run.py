@@ -63,7 +63,7 @@ def full(run):
     run.leg("formatting", runners.formatting)
     quick(run)
     run.leg("valgrind: short scenarios",
-            lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS))
+            lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS, name="valgrind"))
     run.leg("asan: build and unit tests", lambda: runners.build("asan"), lambda: runners.unit("asan", ASAN))
     run.leg("asan: scenarios", lambda: runners.scenarios("asan", env=ASAN))
     # The client and the simulator have one thread each.

@@ -124,12 +124,12 @@ def unit(preset, env=None, leave_out=None):
     return count
 
 
-def scenarios(preset, *arguments, env=None, workers=4):
-    """The scenarios with the programs of a build."""
-    report = BUILD / preset / "test-reports/scenarios.xml"
+def scenarios(preset, *arguments, env=None, workers=4, name="scenarios"):
+    """The scenarios with the programs of a build; the name is for its log and report."""
+    report = BUILD / preset / f"test-reports/{name}.xml"
     report.parent.mkdir(parents=True, exist_ok=True)
     report.unlink(missing_ok=True)
-    log = f"{preset}-scenarios.log"
+    log = f"{preset}-{name}.log"
     (LOGS / log).unlink(missing_ok=True)
     parallel = ["-n", str(workers)] if workers > 1 else []
     code = run(["/usr/bin/python3", "-m", "pytest", "-q", "-rs", *parallel, f"--junitxml={report}", *arguments],

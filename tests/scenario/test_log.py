@@ -12,6 +12,11 @@ from harness.varlink import FAILURE, Client
 from harness.waiting import stretched, wait_until
 
 
+def _service_environment(bus, root):
+    return {"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "NODE_ROOT": str(root),
+            **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}}
+
+
 @pytest.mark.parametrize("threshold, levels", [("0", {1, 3, 4}), ("1", {1, 3, 4}), ("2", {3, 4}), ("3", {3, 4}),
                                                ("4", {4}), ("5", set()), ("", {1, 3, 4})])
 def test_the_threshold_hides_what_is_below_it(bluez, launch, threshold, levels):
@@ -61,8 +66,7 @@ def test_to_the_journal_a_line_has_its_priority_and_no_time(bluez, bus, root):
     """Standard output is a socket that JOURNAL_STREAM names, as under systemd."""
     ours, theirs = socket.socketpair()
     info = os.fstat(theirs.fileno())
-    environment = {"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "NODE_ROOT": str(root),
-                   "JOURNAL_STREAM": f"{info.st_dev}:{info.st_ino}"}
+    environment = {**_service_environment(bus, root), "JOURNAL_STREAM": f"{info.st_dev}:{info.st_ino}"}
     bluez.set_device(Alias=None)
     process = subprocess.Popen([*WRAPPER, BIN / "bluetooth-service"], env=environment, stdin=subprocess.DEVNULL,
                                stdout=theirs, stderr=subprocess.DEVNULL)
@@ -81,11 +85,6 @@ def test_to_the_journal_a_line_has_its_priority_and_no_time(bluez, bus, root):
 def test_a_stale_journal_variable_is_no_journal(bluez, launch):
     service = launch(env={"JOURNAL_STREAM": "1:1"})
     service.wait_ready()
-
-
-def _service_environment(bus, root):
-    return {"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "NODE_ROOT": str(root),
-            **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}}
 
 
 def test_a_reader_that_is_stuck_delays_no_client(bluez, bus, root):

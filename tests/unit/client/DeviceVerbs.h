@@ -44,11 +44,11 @@ protected:
     FakeNode& keyboard() { return fake_.node(deviceNode("00:11:22:33:44:55")); }
     void setStatus(std::int64_t status) { keyboard().set("STATUS", integerValue("STATUS", status)); }
     void answer(const std::string& action, json::object result) {
-        keyboard().actions.emplace_back(action, [result = std::move(result)](const json::object&) { return result; });
+        keyboard().setAction(action, [result = std::move(result)](const json::object&) { return result; });
     }
     /// The answer comes once the test opens the tree's gate.
     void answerLater(const std::string& action, json::object result) {
-        keyboard().actions.emplace_back(action, [this, result = std::move(result)](const json::object&) {
+        keyboard().setAction(action, [this, result = std::move(result)](const json::object&) {
             return fake_.gate().wait() ? result : json::object();
         });
     }

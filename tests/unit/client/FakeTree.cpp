@@ -74,13 +74,29 @@ json::object listValue(const std::string& name, json::array children) {
 
 void FakeNode::set(const std::string& attribute, json::object value) {
     const std::lock_guard lock(mutex_);
-    for (auto& [name, current] : attributes) {
+    for (auto& [name, current] : attributes_) {
         if (name == attribute) {
             current = std::move(value);
             return;
         }
     }
-    attributes.emplace_back(attribute, std::move(value));
+    attributes_.emplace_back(attribute, std::move(value));
+}
+
+void FakeNode::setAction(const std::string& name, Action action) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(actions_, [&](const auto& each) { return each.first == name; });
+    actions_.emplace_back(name, std::move(action));
+}
+
+void FakeNode::setActions(std::vector<std::pair<std::string, Action>> actions) {
+    const std::lock_guard lock(mutex_);
+    actions_ = std::move(actions);
+}
+
+void FakeNode::answerAlways(const std::string& message) {
+    const std::lock_guard lock(mutex_);
+    always_ = message;
 }
 
 std::vector<std::string> FakeNode::executed() const {
@@ -131,7 +147,7 @@ json::object FakeNode::execute(const json::object& action, bool& close) {
         const std::lock_guard lock(mutex_);
         executed_.push_back(action);
         changed_.notify_all();
-        for (const auto& [known, function] : actions) {
+        for (const auto& [known, function] : actions_) {
             if (known == name) run = function;
         }
     }
@@ -143,20 +159,27 @@ json::object FakeNode::execute(const json::object& action, bool& close) {
 
 void FakeNode::answer(int fd, const json::object& call) {
     const std::string method = text(call.at("method"));
+    {
+        const std::lock_guard lock(mutex_);
+        if (!always_.empty()) {
+            sendAll(fd, always_ + '\0');
+            return;
+        }
+    }
     const json::object* parameters = call.contains("parameters") ? &call.at("parameters").as_object() : nullptr;
     json::object reply;
     if (method == "com.kelvo.node.Describe") {
         const std::lock_guard lock(mutex_);
         json::array attributeNames;
         json::array actionNames;
-        for (const auto& each : attributes) attributeNames.emplace_back(each.first);
-        for (const auto& each : actions) actionNames.emplace_back(each.first);
-        reply = {{"node", "fake"}, {"server", server}, {"attributes", attributeNames}, {"actions", actionNames}};
+        for (const auto& each : attributes_) attributeNames.emplace_back(each.first);
+        for (const auto& each : actions_) actionNames.emplace_back(each.first);
+        reply = {{"node", "fake"}, {"server", server_}, {"attributes", attributeNames}, {"actions", actionNames}};
     } else if (method == "com.kelvo.node.Get") {
         const std::string attribute = text(parameters->at("attribute"));
         const std::lock_guard lock(mutex_);
         json::array values;
-        for (const auto& [name, value] : attributes) {
+        for (const auto& [name, value] : attributes_) {
             if (name == attribute && !objectGone) values.push_back(value);
         }
         reply["values"] = std::move(values);
@@ -242,14 +265,7 @@ void FakeTree::serve(Served& served, int fd) {
         for (std::size_t end = received.find('\0'); end != std::string::npos; end = received.find('\0')) {
             const std::string message = received.substr(0, end);
             received.erase(0, end + 1);
-            if (node.silent) continue;
-            if (!node.raw.empty()) {
-                sendAll(fd, node.raw);
-            } else if (!node.error.empty()) {
-                sendMessage(fd, {{"error", node.error}, {"parameters", json::object()}});
-            } else {
-                node.answer(fd, json::parse(message).as_object());
-            }
+            if (!node.silent) node.answer(fd, json::parse(message).as_object());
         }
     }
     // The descriptor itself is closed at the end of the node, so that its number is not taken by another connection.
@@ -286,40 +302,37 @@ void FakeTree::kill() {
 }
 
 void FakeTree::publishService() {
-    auto service = std::make_shared<FakeNode>();
-    service->server = "LinuxBTService";
-    service->actions = {{"STOP", [](const json::object&) { return integerValue("STOP", 0); }}};
+    auto service = std::make_shared<FakeNode>("LinuxBTService");
+    service->setActions({{"STOP", [](const json::object&) { return integerValue("STOP", 0); }}});
     publish("bluetooth/service", service);
-    auto master = std::make_shared<FakeNode>();
-    master->server = "LinuxBTService";
+    auto master = std::make_shared<FakeNode>("LinuxBTService");
     for (const char* name : {"INQUIRY_START", "INQUIRY_STOP"}) {
-        master->actions.emplace_back(name, [name](const json::object&) { return integerValue(name, 0); });
+        master->setAction(name, [name](const json::object&) { return integerValue(name, 0); });
     }
     publish("bluetooth/master", master);
 }
 
 FakeNode& FakeTree::publishAdapter(const std::string& address, const std::string& name) {
-    auto adapter = std::make_shared<FakeNode>();
-    adapter->server = "LinuxBTAdapters";
-    adapter->attributes = {{"ADDRESS", stringValue("ADDRESS", address)}, {"NAME", stringValue("NAME", name)}};
+    auto adapter = std::make_shared<FakeNode>("LinuxBTAdapters");
+    adapter->set("ADDRESS", stringValue("ADDRESS", address));
+    adapter->set("NAME", stringValue("NAME", name));
     for (const char* action : {"INQUIRY_START", "INQUIRY_STOP"}) {
-        adapter->actions.emplace_back(action, [action](const json::object&) { return integerValue(action, 0); });
+        adapter->setAction(action, [action](const json::object&) { return integerValue(action, 0); });
     }
     return publish(adapterNode(address), adapter);
 }
 
 FakeNode& FakeTree::publishDevice(const std::string& address, const std::string& name, std::int64_t status,
                                   std::int64_t major, std::int64_t minor) {
-    auto device = std::make_shared<FakeNode>();
-    device->server = "LinuxBTDevices";
-    device->attributes = {{"ADDRESS", stringValue("ADDRESS", address)},
-                          {"NAME", stringValue("NAME", name)},
-                          {"STATUS", integerValue("STATUS", status)},
-                          {"MAJOR_SERVICE_CLASSES", integerValue("MAJOR_SERVICE_CLASSES", 0)},
-                          {"MAJOR_DEVICE_CLASS", integerValue("MAJOR_DEVICE_CLASS", major)},
-                          {"MINOR_DEVICE_CLASS", integerValue("MINOR_DEVICE_CLASS", minor)},
-                          {"PROFILES", listValue("PROFILES", {})},
-                          {"ACTIVE_PROFILES", listValue("ACTIVE_PROFILES", {})}};
+    auto device = std::make_shared<FakeNode>("LinuxBTDevices");
+    device->set("ADDRESS", stringValue("ADDRESS", address));
+    device->set("NAME", stringValue("NAME", name));
+    device->set("STATUS", integerValue("STATUS", status));
+    device->set("MAJOR_SERVICE_CLASSES", integerValue("MAJOR_SERVICE_CLASSES", 0));
+    device->set("MAJOR_DEVICE_CLASS", integerValue("MAJOR_DEVICE_CLASS", major));
+    device->set("MINOR_DEVICE_CLASS", integerValue("MINOR_DEVICE_CLASS", minor));
+    device->set("PROFILES", listValue("PROFILES", {}));
+    device->set("ACTIVE_PROFILES", listValue("ACTIVE_PROFILES", {}));
     return publish(deviceNode(address), device);
 }
 

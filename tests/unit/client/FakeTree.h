@@ -44,19 +44,20 @@ public:
     /// Gives the result of one action, or an empty object to close the connection instead of answering.
     using Action = std::function<json::object(const json::object& action)>;
 
-    std::string server = "FakeServer";
-    std::vector<std::pair<std::string, json::object>> attributes;
-    std::vector<std::pair<std::string, Action>> actions;
+    explicit FakeNode(std::string server) : server_(std::move(server)) {}
+
     /// Get and Execute give no values.
     std::atomic<bool> objectGone = false;
-    /// Sent for every message instead of an answer, its NUL included, when not empty.
-    std::string raw;
-    /// The error of every call, when not empty.
-    std::string error;
     /// Takes calls and never answers.
     std::atomic<bool> silent = false;
 
+    /// Adds the attribute or replaces it.
     void set(const std::string& attribute, json::object value);
+    void setAction(const std::string& name, Action action);
+    /// In place of all that were there.
+    void setActions(std::vector<std::pair<std::string, Action>> actions);
+    /// Answers each message with this one.
+    void answerAlways(const std::string& message);
     /// The names of the executed actions so far.
     std::vector<std::string> executed() const;
     /// The last execution of an action; false when there was none within a minute.
@@ -77,6 +78,10 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
+    const std::string server_;
+    std::vector<std::pair<std::string, json::object>> attributes_;
+    std::vector<std::pair<std::string, Action>> actions_;
+    std::string always_;
     std::vector<json::object> executed_;
     std::vector<int> watchers_;
 };

@@ -139,7 +139,7 @@ TEST_F(ScanVerb, UsesOneAdapter) {
 }
 
 TEST_F(ScanVerb, LeavesAnInquiryAloneThatDidNotStart) {
-    master().actions[0].second = [](const json::object&) { return test::integerValue("INQUIRY_START", 33859); };
+    master().setAction("INQUIRY_START", [](const json::object&) { return test::integerValue("INQUIRY_START", 33859); });
     const Ended ended = btnode(here({"scan"}));
     EXPECT_EQ(ended.exitCode(), ExitCode::Failure);
     EXPECT_EQ(ended.out, "");
@@ -149,10 +149,10 @@ TEST_F(ScanVerb, LeavesAnInquiryAloneThatDidNotStart) {
 }
 
 TEST_F(ScanVerb, StopsAnInquiryWhoseStartIsInterrupted) {
-    master().actions[0].second = [&](const json::object&) {
+    master().setAction("INQUIRY_START", [&](const json::object&) {
         fake_.gate().wait();
         return test::integerValue("INQUIRY_START", 0);
-    };
+    });
     RunningBtnode scan(here({"scan"}));
     ASSERT_TRUE(master().waitForAction("INQUIRY_START"));
     scan.interrupt();
@@ -181,7 +181,7 @@ TEST_F(ScanVerb, EndsWhenTheAdapterIsWithdrawn) {
 }
 
 TEST_F(ScanVerb, SaysThatTheInquiryCouldNotBeStopped) {
-    master().actions[1].second = [](const json::object&) { return test::integerValue("INQUIRY_STOP", 33859); };
+    master().setAction("INQUIRY_STOP", [](const json::object&) { return test::integerValue("INQUIRY_STOP", 33859); });
     const Ended ended = btnode(here({"scan", "--for", "0.05"}));
     EXPECT_EQ(ended.exitCode(), ExitCode::Failure);
     EXPECT_TRUE(contains(ended.err, "did not stop the inquiry"));
@@ -203,7 +203,7 @@ TEST_F(StopVerb, WaitsUntilTheServiceIsGone) {
 }
 
 TEST_F(StopVerb, ReportsARefusal) {
-    fake_.node("bluetooth/service").actions = {};
+    fake_.node("bluetooth/service").setActions({});
     const Ended ended = btnode(here({"stop"}));
     EXPECT_EQ(ended.exitCode(), ExitCode::Failure);
     EXPECT_TRUE(contains(ended.err, "Invalid action"));

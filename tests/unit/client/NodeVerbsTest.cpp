@@ -39,8 +39,8 @@ protected:
         fake_.publishService();
         fake_.publishAdapter("00:AA:01:00:00:00", "Desk");
         FakeNode& keyboard = fake_.publishDevice("00:11:22:33:44:55", "Keyboard", 3);
-        keyboard.attributes[6].second =
-            test::listValue("PROFILES", {test::integerValue("PROFILE", 0x1124), test::integerValue("PROFILE", 0xfee0)});
+        keyboard.set("PROFILES", test::listValue("PROFILES", {test::integerValue("PROFILE", 0x1124),
+                                                              test::integerValue("PROFILE", 0xfee0)}));
         fake_.publishDevice("00:11:22:33:44:66", "evil\x1b[31m\nname", 1, 2, 3);
     }
 
@@ -157,10 +157,10 @@ TEST_F(NodeVerbs, GetTellsAnUnknownAttributeFromADeviceThatIsGone) {
 }
 
 TEST_F(NodeVerbs, DoSendsParametersAndPrintsResults) {
-    keyboard().actions = {
-        {"CONNECT", [](const json::object&) {
-             return test::listValue("CONNECT", {test::integerValue("RESULT", 1), test::stringValue("PINCODE", "0042")});
-         }}};
+    keyboard().setActions({{"CONNECT", [](const json::object&) {
+                                return test::listValue(
+                                    "CONNECT", {test::integerValue("RESULT", 1), test::stringValue("PINCODE", "0042")});
+                            }}});
     const Ended ended = run({"do", "Keyboard", "CONNECT", "TIMEOUT=30000"});
     EXPECT_EQ(ended.exitCode(), ExitCode::Ok);
     EXPECT_EQ(ended.out, "CONNECT RESULT=1 PINCODE=0042\n");
@@ -173,10 +173,10 @@ TEST_F(NodeVerbs, DoSendsParametersAndPrintsResults) {
 }
 
 TEST_F(NodeVerbs, DoEndsWithTheCodeOfTheFirstFailure) {
-    keyboard().actions = {
-        {"GOOD", [](const json::object&) { return test::integerValue("GOOD", 0); }},
-        {"WAIT_CONNECTED", [](const json::object&) { return test::integerValue("WAIT_CONNECTED", 33859); }},
-        {"OTHER", [](const json::object&) { return test::integerValue("OTHER", 77); }}};
+    keyboard().setActions(
+        {{"GOOD", [](const json::object&) { return test::integerValue("GOOD", 0); }},
+         {"WAIT_CONNECTED", [](const json::object&) { return test::integerValue("WAIT_CONNECTED", 33859); }},
+         {"OTHER", [](const json::object&) { return test::integerValue("OTHER", 77); }}});
     const Ended ended = run({"do", "Keyboard", "GOOD", "+", "WAIT_CONNECTED", "+", "OTHER", "+", "GOOD"});
     EXPECT_EQ(ended.exitCode(), ExitCode::Rejected);
     EXPECT_EQ(ended.out, "GOOD 0\nWAIT_CONNECTED 33859\nOTHER 77\nGOOD 0\n");
@@ -205,7 +205,7 @@ TEST_F(NodeVerbs, DoKnowsEveryFormOfFailure) {
         {test::listValue("A", {test::integerValue("RESULT", 1)}), ExitCode::Failure},
         {test::listValue("A", {}), ExitCode::Ok}};
     for (const auto& [result, code] : results) {
-        keyboard().actions = {{"A", [&answer = result](const json::object&) { return answer; }}};
+        keyboard().setActions({{"A", [&answer = result](const json::object&) { return answer; }}});
         const Ended ended = run({"do", "Keyboard", "A"});
         EXPECT_EQ(ended.exitCode(), code) << ended.out;
         EXPECT_EQ(ended.err.empty(), code == ExitCode::Ok) << ended.out << ended.err;
@@ -310,7 +310,7 @@ TEST(ExitCodes, ASilentServiceTimesOut) {
 TEST(ExitCodes, AServiceThatRefusesCallsIsBusy) {
     FakeTree fake;
     fake.publishService();
-    fake.node("bluetooth/master").error = "com.kelvo.node.Busy";
+    fake.node("bluetooth/master").answerAlways("{\"error\":\"com.kelvo.node.Busy\"}");
     const Ended ended = btnode({"do", "master", "INQUIRY_START", "--root", fake.root()});
     EXPECT_EQ(ended.exitCode(), ExitCode::Busy);
     EXPECT_TRUE(contains(ended.err, "Try again")) << ended.err;
@@ -340,9 +340,9 @@ TEST(ExitCodes, PermissionDeniedNamesTheGroup) {
 TEST(ExitCodes, AStrangerOnTheSocketIsAFailure) {
     FakeTree fake;
     fake.publishService();
-    for (const std::string& raw : {std::string("HTTP/1.1 400\0", 13), std::string("{}\0", 3), std::string("[1]\0", 4),
-                                   std::string("{\"parameters\":{\"values\":[{}]}}\0", 31)}) {
-        fake.node("bluetooth/master").raw = raw;
+    for (const std::string& raw : {std::string("HTTP/1.1 400"), std::string("{}"), std::string("[1]"),
+                                   std::string(R"({"parameters":{"values":[{}]}})")}) {
+        fake.node("bluetooth/master").answerAlways(raw);
         const Ended ended = btnode({"do", "master", "A", "--root", fake.root()});
         EXPECT_EQ(ended.exitCode(), ExitCode::Failure) << raw;
         EXPECT_EQ(ended.out, "");
@@ -352,7 +352,7 @@ TEST(ExitCodes, AStrangerOnTheSocketIsAFailure) {
 TEST(ExitCodes, ANodeThatClosesInTheMiddleIsGone) {
     FakeTree fake;
     fake.publishService();
-    fake.node("bluetooth/master").actions = {{"A", [](const json::object&) { return json::object(); }}};
+    fake.node("bluetooth/master").setActions({{"A", [](const json::object&) { return json::object(); }}});
     EXPECT_EQ(btnode({"do", "master", "A", "--root", fake.root()}).exitCode(), ExitCode::Gone);
 }
 

@@ -102,7 +102,7 @@ TEST_F(PairVerb, TellsRejectedWhenThePairingFailedBeforeItWasWaitedFor) {
 
 TEST_F(PairVerb, TellsTimedOutWhenBlueZGaveUpInTime) {
     // What a service answers whose Pair had no reply: the same number as for a refusal, but late.
-    keyboard().actions.emplace_back("CONNECT", [](const json::object& action) {
+    keyboard().setAction("CONNECT", [](const json::object& action) {
         EXPECT_EQ(waitFor(-1, 0, Limit::in(std::chrono::milliseconds(firstOption(action)))), Ready::TimedOut);
         return connectAnswer(kRefused);
     });
@@ -117,7 +117,7 @@ TEST_F(PairVerb, TellsTimedOutWhenBlueZGaveUpInTime) {
 
 TEST_F(PairVerb, CancelsAPairingThatTimedOut) {
     answer("CONNECT", pincodeAnswer("1"));
-    keyboard().actions.emplace_back("WAIT_CONNECTED", [this](const json::object& action) {
+    keyboard().setAction("WAIT_CONNECTED", [this](const json::object& action) {
         EXPECT_EQ(waitFor(-1, 0, Limit::in(std::chrono::milliseconds(firstOption(action)))), Ready::TimedOut);
         setStatus(0);
         return integerValue("WAIT_CONNECTED", 33859);
@@ -144,14 +144,14 @@ TEST_F(PairVerb, TellsGoneAtOnceThoughTheRequestIsStillInProgress) {
     std::thread withdrawal([&] { fake_.withdraw(deviceNode("00:11:22:33:44:55")); });
     const Ended ended = pair.wait();
     EXPECT_EQ(ended.exitCode(), ExitCode::Gone);
-    EXPECT_TRUE(contains(ended.err, "withdrawn")) << ended.err;
+    EXPECT_TRUE(contains(ended.err, "is gone")) << ended.err;
     fake_.gate().open();
     withdrawal.join();
 }
 
 TEST_F(PairVerb, TellsGoneRatherThanRejectedWhenTheDeviceLeaves) {
     answer("CONNECT", pincodeAnswer("1"));
-    keyboard().actions.emplace_back("WAIT_CONNECTED", [this](const json::object&) {
+    keyboard().setAction("WAIT_CONNECTED", [this](const json::object&) {
         keyboard().tellWithdrawn();
         return integerValue("WAIT_CONNECTED", 33859);
     });
@@ -186,7 +186,7 @@ TEST_F(PairVerb, TellsGoneWhenTheDeviceVanishedBehindItsNode) {
 
 TEST_F(PairVerb, CtrlCCancelsThePairingOverASecondConnection) {
     answerLater("CONNECT", connectAnswer(kRefused));
-    keyboard().actions.emplace_back("DISCONNECT", [this](const json::object&) {
+    keyboard().setAction("DISCONNECT", [this](const json::object&) {
         fake_.gate().open();
         return integerValue("DISCONNECT", 0);
     });
@@ -242,7 +242,7 @@ TEST_F(PairVerb, CancelsWhenNobodyReadsThePincode) {
 TEST_F(PairVerb, AnswersThatMakeNoSenseAreFailures) {
     answer("CONNECT", integerValue("CONNECT", 33862));
     EXPECT_EQ(run({"pair", "Keyboard"}).exitCode(), ExitCode::Failure);
-    keyboard().actions.clear();
+    keyboard().setActions({});
     answer("CONNECT", listValue("CONNECT", {}));
     EXPECT_EQ(run({"pair", "Keyboard"}).exitCode(), ExitCode::Failure);
 }
@@ -253,14 +253,14 @@ TEST_F(WaitVerb, TellsHowAPairingEnded) {
     for (const auto& [result, code] : {std::pair<std::int64_t, ExitCode>{0, ExitCode::Ok},
                                        {33859, ExitCode::Rejected},
                                        {33923, ExitCode::Failure}}) {
-        keyboard().actions.clear();
+        keyboard().setActions({});
         answer("WAIT_CONNECTED", integerValue("WAIT_CONNECTED", result));
         EXPECT_EQ(run({"wait", "Keyboard"}).exitCode(), code) << result;
     }
 }
 
 TEST_F(WaitVerb, TellsATimeOutFromARejection) {
-    keyboard().actions.emplace_back("WAIT_CONNECTED", [](const json::object& action) {
+    keyboard().setAction("WAIT_CONNECTED", [](const json::object& action) {
         EXPECT_EQ(waitFor(-1, 0, Limit::in(std::chrono::milliseconds(firstOption(action)))), Ready::TimedOut);
         return integerValue("WAIT_CONNECTED", 33859);
     });

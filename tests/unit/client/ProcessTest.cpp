@@ -144,10 +144,10 @@ TEST_F(ProcessTest, ASignalEndsAScanAndStopsItsInquiry) {
 }
 
 TEST_F(ProcessTest, ASecondSignalEndsEvenAProcessThatIsSettingThingsRight) {
-    master().actions[1].second = [&](const test::json::object&) {
+    master().setAction("INQUIRY_STOP", [&](const test::json::object&) {
         fake_.gate().wait();
         return test::integerValue("INQUIRY_STOP", 0);
-    };
+    });
     Process scan(here({"scan", "--json"}), out_.writer, err_.writer);
     readUntil(out_.reader, "\"known\"");
     scan.signal(SIGINT);
@@ -268,15 +268,15 @@ TEST_F(ProcessTest, NoColorAndADumbTerminalAreRespected) {
 
 TEST_F(ProcessTest, ATerminalSeesThePairingGoOn) {
     auto& keyboard = fake_.node(test::deviceNode("00:11:22:33:44:55"));
-    keyboard.actions = {{"CONNECT",
-                         [](const test::json::object&) {
-                             return test::listValue(
-                                 "CONNECT", {test::integerValue("RESULT", 1), test::stringValue("PINCODE", "482913")});
-                         }},
-                        {"WAIT_CONNECTED", [this](const test::json::object&) {
-                             fake_.gate().wait();
-                             return test::integerValue("WAIT_CONNECTED", 0);
-                         }}};
+    keyboard.setActions({{"CONNECT",
+                          [](const test::json::object&) {
+                              return test::listValue(
+                                  "CONNECT", {test::integerValue("RESULT", 1), test::stringValue("PINCODE", "482913")});
+                          }},
+                         {"WAIT_CONNECTED", [this](const test::json::object&) {
+                              fake_.gate().wait();
+                              return test::integerValue("WAIT_CONNECTED", 0);
+                          }}});
     Terminal terminal;
     Process pair(here({"pair", "Keyboard"}), terminal.slave(), terminal.slave(), {"TERM=xterm", "NO_COLOR=1"});
     std::string text = terminal.until("482913\r\n");

@@ -72,7 +72,7 @@ TEST_F(ProfileVerbs, WhatNamesNoProfileIsNotSent) {
 }
 
 TEST_F(ProfileVerbs, ARefusalIsExplained) {
-    keyboard().actions.clear();
+    keyboard().setActions({});
     answer("ACTIVATE_PROFILE", listValue("ACTIVATE_PROFILE", {integerValue("RESULT", kRefused)}));
     for (const auto& [profile, why] : {std::pair<std::string, std::string>{"0x110b", "active already"},
                                        {"0x1101", "no profile Serial Port"},

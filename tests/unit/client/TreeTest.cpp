@@ -224,11 +224,11 @@ TEST(Node, TellsWhyAnAnswerDoesNotCome) {
 
 TEST(Node, ALimitThatPassesLosesNoAnswer) {
     FakeTree fake;
-    auto slow = std::make_shared<test::FakeNode>();
-    slow->actions = {{"SLOW", [&](const test::json::object&) {
-                          fake.gate().wait();
-                          return test::integerValue("SLOW", 0);
-                      }}};
+    auto slow = std::make_shared<test::FakeNode>("Slow");
+    slow->setActions({{"SLOW", [&](const test::json::object&) {
+                           fake.gate().wait();
+                           return test::integerValue("SLOW", 0);
+                       }}});
     fake.publish("bluetooth/service", slow);
     auto node = Node::connect(Tree(fake.root()), "bluetooth/service", soon());
     ASSERT_TRUE(node);

@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -118,12 +118,15 @@ TEST_P(StuckReader, DelaysNobodyAndGetsEveryLineWhenItReadsAgain) {
 
 /// The number at the end of a line that tells of lost ones, 0 for other lines.
 std::uint64_t lostOf(const std::string& line) {
-    static const std::regex report("\\[3\\] Tests/[^ ]+ SysLog: Log lines lost: ([0-9a-f]+)h \\(([0-9]+)\\)");
-    std::smatch parts;
-    if (!std::regex_match(line, parts, report)) return 0;
-    const std::uint64_t lost = std::stoull(parts[2]);
-    EXPECT_EQ(std::stoull(parts[1], nullptr, 16), lost);
-    return lost;
+    static const std::string report = " SysLog: Log lines lost: ";
+    const std::size_t found = line.find(report);
+    if (found == std::string::npos) return 0;
+    unsigned long long hexadecimal = 0;
+    unsigned long long decimal = 0;
+    EXPECT_EQ(std::sscanf(line.c_str() + found + report.size(), "%llxh (%llu)", &hexadecimal, &decimal), 2) << line;
+    EXPECT_EQ(hexadecimal, decimal) << line;
+    EXPECT_TRUE(line.starts_with("[3] Tests/")) << line;
+    return decimal;
 }
 
 TEST_P(StuckReader, LosesTheNewestLinesAndIsToldHowManyInTheirPlace) {
