@@ -42,12 +42,14 @@ void Connection::onEvents(std::uint32_t events, Worker& worker) {
 
 void Connection::pump(Worker& worker) {
     for (bool first = true; isOpen(); first = false) {
-        // Not before the first round: most events bring one call, which sees to it itself if it may block.
-        if (!first) node_->service().engine().ensureFollower();
         std::optional<std::string_view> message;
         const bool reads = readable_ && wantsInput();
+        const bool serves = mayServe();
+        // Not before the first round: most events bring one call, which sees to it itself if it may block. Nor when
+        // nothing is left to do: a crowd of clients that hang up needs no crowd of threads.
+        if (!first && (reads || serves)) node_->service().engine().ensureFollower();
         if (reads) message = receive(worker);
-        if (!message && mayServe()) {
+        if (!message && serves) {
             dequeue(worker.message);
             message = worker.message;
         }

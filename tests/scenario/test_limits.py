@@ -484,6 +484,34 @@ def test_idle_connections_cost_little(bluez, start, more_descriptors):
         assert service.resident() - before < 4 * 1024, "400 idle connections in KiB"
 
 
+CROWD = """
+import socket, sys
+made = []
+for _ in range(int(sys.argv[2])):
+    made.append(socket.socket(socket.AF_UNIX))
+    made[-1].connect(sys.argv[1])
+print("there", flush=True)
+sys.stdin.read()
+"""
+
+
+def test_a_crowd_that_hangs_up_starts_no_crowd_of_threads(bluez, start, more_descriptors):
+    """Threads stay for some seconds after their work, so that what a burst started is still to be counted."""
+    bluez.set_adapter()
+    service = start()
+    threads = service.threads()
+    sockets = service.descriptors()["socket"]
+    for _ in range(20):
+        with subprocess.Popen([sys.executable, "-c", CROWD, str(service.adapter_node()), str(IN_ALL)],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE) as crowd:
+            assert crowd.stdout.readline() == b"there\n"
+            crowd.kill()  # the kernel hangs up for all of them at once
+        wait_until(lambda: service.descriptors()["socket"] == sockets, "connections that went with their client")
+    assert service.threads() <= threads + 8
+    with service.adapter() as client:
+        client.describe()
+
+
 def test_a_reply_is_whole_whatever_the_client_takes_at_a_time(bluez, start):
     bluez.set_device(Alias=("s", "x" * 200000))
     with start().device() as client:
