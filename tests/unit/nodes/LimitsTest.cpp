@@ -240,15 +240,23 @@ TEST_F(ConnectionLimits, WithoutThreadsRequestsAreServedOneAtATimeAndTheOthersAr
     ASSERT_EQ(child.line(), "ready");
     const std::string name = stringReply("NAME", "node 1");
     Client client("test/node");
-    for (int round = 0; round < 10; ++round) EXPECT_EQ(client.call(getCall("NAME")), name);
+    // The thread that gave an answer may still be on its way back when the next call comes: then that is refused.
+    const auto served = [&] { return client.call(getCall("NAME")) == name; };
+    for (int round = 0; round < 10; ++round) EXPECT_TRUE(waitUntil(served));
     Client blocked("test/node");
     blocked.send(executeCall({"WAIT"}));
-    EXPECT_TRUE(waitUntil([&] { return client.call(getCall("NAME")) == kBusy; }));
+    EXPECT_TRUE(waitUntil([&] {
+        if (blocked.hasInput()) {
+            EXPECT_EQ(blocked.receive(), kBusy);
+            blocked.send(executeCall({"WAIT"}));
+        }
+        return client.call(getCall("NAME")) == kBusy;
+    }));
     EXPECT_TRUE(client.call(nodeCall("Describe")).starts_with(R"({"parameters":{"node":)"));
     EXPECT_TRUE(client.call(callText("org.varlink.service.GetInfo")).starts_with(R"({"parameters":{"vendor":)"));
     EXPECT_EQ(Client("urgent").call(executeCall({"ID"})), integerReply("ID", 2));
     blocked.hangUp();
-    EXPECT_TRUE(waitUntil([&] { return client.call(getCall("NAME")) == name; }));
+    EXPECT_TRUE(waitUntil(served));
     EXPECT_EQ(child.end(), 0);
 }
 
