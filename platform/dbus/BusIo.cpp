@@ -252,7 +252,7 @@ bool BusIo::sendCall(DBusMessage* message, const Ref<DBusPendingCall>& call, Rep
     }
     const MutexLock lock(lock_);
     if (!write(message, serial)) return false;
-    calls_.emplace(*serial, Outstanding{call, replyTo});
+    calls_.emplace(*serial, Outstanding{call, replyTo, {}});
     if (replyTo == ReplyTo::DispatchThread) watchDeadline(*call, *serial);
     return true;
 }
@@ -263,13 +263,14 @@ void BusIo::watchDeadline(const DBusPendingCall& call, dbus_uint32_t serial) {
     if (call.deadline() < pollsUntil_) wake();
 }
 
-bool BusIo::giveUp(dbus_uint32_t serial, LateAnswer late) {
+bool BusIo::giveUp(dbus_uint32_t serial, LateAnswer late, Slot slot) {
     const MutexLock lock(lock_);
     const auto entry = calls_.find(serial);
     if (entry == calls_.end()) return false;
     if (late) {
         entry->second.call->answerLate(std::move(late));
         entry->second.replyTo = ReplyTo::DispatchThread;
+        if (slot) entry->second.slot.emplace(std::move(*slot));
         watchDeadline(*entry->second.call, serial);
     } else {
         calls_.erase(entry);

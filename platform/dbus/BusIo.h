@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <set>
 #include <thread>
 #include <unordered_map>
@@ -10,6 +11,7 @@
 
 #include "platform/dbus/DispatchQueue.h"
 #include "platform/dbus/Watches.h"
+#include "platform/host/RequestContext.h"
 
 namespace Libraries::Platform::Posix::DBus {
 
@@ -41,9 +43,12 @@ public:
     enum class ReplyTo { WaitingThread, DispatchThread };
     /// Sends a call; its reply, or the loss of the connection, ends up in `call`. False as above.
     bool sendCall(DBusMessage* message, const Ref<DBusPendingCall>& call, ReplyTo replyTo, dbus_uint32_t* serial);
+    /// A request's place among the calls; none for a call that needs none.
+    using Slot = std::optional<RequestContext::BusCall>;
     /// The thread that waits for a call leaves. Its reply goes to `late` on the dispatch thread, if given, else
-    /// nowhere. False when the call is being completed this moment: then the thread has to wait for that.
-    bool giveUp(dbus_uint32_t serial, LateAnswer late);
+    /// nowhere; a call with `late` keeps the slot until it is answered or its time has passed, since the bus goes on
+    /// counting it. False when the call is being completed this moment: then the thread has to wait for that.
+    bool giveUp(dbus_uint32_t serial, LateAnswer late, Slot slot);
 
     /// Writes what is queued, for a short while at most, ends the I/O thread and answers everybody. Any thread, once.
     void close();
@@ -54,6 +59,7 @@ private:
     struct Outstanding {
         Ref<DBusPendingCall> call;
         ReplyTo replyTo;
+        Slot slot;
     };
 
     /// What a turn of the loop hands out after it let go of the lock.

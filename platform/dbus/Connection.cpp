@@ -3,7 +3,6 @@
 #include <string>
 
 #include "platform/dbus/Errors.h"
-#include "platform/host/RequestContext.h"
 
 namespace Libraries::Platform::Posix::DBus {
 
@@ -61,7 +60,8 @@ void DBusConnection::close() {
     });
 }
 
-MessagePtr DBusConnection::call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late) {
+MessagePtr DBusConnection::call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late,
+                                BusIo::Slot slot) {
     const std::shared_ptr<BusIo> io = io_;  // the connection may be closed and destroyed while this thread waits
     const Ref<DBusPendingCall> call(new DBusPendingCall(deadline));
     dbus_uint32_t serial = 0;
@@ -72,7 +72,7 @@ MessagePtr DBusConnection::call(DBusMessage* message, Clock::time_point deadline
     const auto ended = call->wait(late ? Interrupt::Level::HangUp : Interrupt::Level::End);
     if (ended != DBusPendingCall::Ended::Completed) {
         const bool interrupted = ended == DBusPendingCall::Ended::Interrupted;
-        if (io->giveUp(serial, interrupted ? std::move(late) : nullptr)) {
+        if (io->giveUp(serial, interrupted ? std::move(late) : nullptr, std::move(slot))) {
             Errors::set(error, interrupted ? Errors::kInterrupted : Errors::kNoReply);
             return nullptr;
         }
@@ -90,12 +90,12 @@ MessagePtr DBusConnection::call(DBusMessage* message, Clock::time_point deadline
 
 MessagePtr DBusConnection::callForRequest(DBusMessage* message, Clock::time_point deadline, DBusError* error,
                                           LateAnswer late) {
-    const RequestContext::BusCall slot;
+    RequestContext::BusCall slot;
     if (!slot.granted()) {
         Errors::set(error, Errors::kTooManyCalls);
         return nullptr;
     }
-    return call(message, deadline, error, std::move(late));
+    return call(message, deadline, error, std::move(late), std::move(slot));
 }
 
 bool DBusConnection::callAsync(DBusMessage* message, const Ref<DBusPendingCall>& call) {

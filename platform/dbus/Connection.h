@@ -33,7 +33,9 @@ public:
     /// Sends a call and waits for its reply until the deadline, or until the calling thread is interrupted: at HangUp
     /// when there is a handler for the late answer, else at End. Null with the error set in every other case than that
     /// of a reply that is no error. The call is sent in any case while the connection lasts.
-    MessagePtr call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late = nullptr);
+    MessagePtr call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late = nullptr) {
+        return call(message, deadline, error, std::move(late), {});
+    }
     /// As call(), in a bus call slot of the thread's request; not sent when there is none left.
     MessagePtr callForRequest(DBusMessage* message, Clock::time_point deadline, DBusError* error,
                               LateAnswer late = nullptr);
@@ -52,6 +54,8 @@ private:
     explicit DBusConnection(std::shared_ptr<BusIo> io) : io_(std::move(io)) {}
     ~DBusConnection() override;
 
+    MessagePtr call(DBusMessage* message, Clock::time_point deadline, DBusError* error, LateAnswer late,
+                    BusIo::Slot slot);
     DBusHandlerResult dispatchMessage(DBusMessage* message);
     DBusHandlerResult answerStandard(DBusMessage* call);
     DBusHandlerResult answerPeer(DBusMessage* call);

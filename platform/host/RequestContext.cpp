@@ -1,5 +1,7 @@
 #include "platform/host/RequestContext.h"
 
+#include <utility>
+
 namespace {
 
 thread_local RequestContext* boundContext = nullptr;
@@ -27,12 +29,16 @@ RequestContext* RequestContext::current() noexcept {
     return boundContext;
 }
 
-RequestContext::BusCall::BusCall() noexcept : context_(boundContext), granted_(true) {
-    if (!context_) return;
-    granted_ = !context_->busy_ && takeSlot();
-    context_->busy_ = !granted_;
+RequestContext::BusCall::BusCall() noexcept {
+    RequestContext* const context = boundContext;
+    if (!context) return;
+    granted_ = held_ = !context->busy_ && takeSlot();
+    context->busy_ = !granted_;
 }
 
+RequestContext::BusCall::BusCall(BusCall&& other) noexcept
+    : granted_(other.granted_), held_(std::exchange(other.held_, false)) {}
+
 RequestContext::BusCall::~BusCall() {
-    if (context_ && granted_) slotsTaken.fetch_sub(1);
+    if (held_) slotsTaken.fetch_sub(1);
 }

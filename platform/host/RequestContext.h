@@ -7,7 +7,9 @@
 /// the bus library asks it. Threads without one (the main thread) have no limit.
 class RequestContext {
 public:
-    /// Blocking bus calls made on behalf of requests at the same time, over all requests.
+    /// Bus calls made on behalf of requests at the same time, over all requests; those included that a request has left
+    /// and that are not answered. The bus itself allows 128 unanswered calls (dbus-daemon's limit of replies on the
+    /// system bus) and refuses every further one, whoever makes it.
     static constexpr std::uint32_t kMaxBusCalls = 64;
 
     RequestContext() noexcept;
@@ -19,10 +21,12 @@ public:
     /// A blocking bus call found no slot: whatever the operation answers, the client is told Busy.
     bool busy() const noexcept { return busy_; }
 
-    /// Holds a slot for one blocking bus call of the calling thread's request.
+    /// Holds a slot for one bus call of the calling thread's request, and moves on with the call when the request
+    /// leaves it. Any thread gives it back.
     class BusCall {
     public:
         BusCall() noexcept;
+        BusCall(BusCall&& other) noexcept;
         ~BusCall();
         BusCall(const BusCall&) = delete;
         BusCall& operator=(const BusCall&) = delete;
@@ -30,8 +34,8 @@ public:
         bool granted() const noexcept { return granted_; }
 
     private:
-        RequestContext* context_;
-        bool granted_;
+        bool granted_ = true;
+        bool held_ = false;  ///< a slot is to be given back
     };
 
 private:

@@ -273,5 +273,56 @@ TEST_F(Interrupted, RequestsGetSixtyFourSlotsAndTheNextIsRefusedAsBusy) {
     EXPECT_FALSE(request.busy());
 }
 
+/// Requests whose clients have hung up: their calls are sent, their threads are gone.
+class GivenUp : public Interrupted {
+protected:
+    GivenUp() { token_.raise(Level::HangUp); }
+
+    void takeAllSlots(DBus::DBusConnection* connection, const char* member, int timeoutMs = -1) {
+        const Interrupt::Bind bind(token_);
+        for (std::uint32_t i = 0; i < RequestContext::kMaxBusCalls; ++i) {
+            const RequestContext request;
+            Error error;
+            const DBus::MessagePtr reply(DBus::dbus_connection_send_with_reply_and_block(
+                connection, methodCall(member).get(), timeoutMs, error, [](DBusMessage*) {}));
+            EXPECT_EQ(error.message(), kInterruptedText);
+        }
+    }
+    /// Whether another request's call gets through; one that does gives its slot back at once.
+    bool isServed() {
+        const RequestContext request;
+        const bool answered = callPeer(connection_, "Answer") != nullptr;
+        EXPECT_NE(answered, request.busy());
+        return answered;
+    }
+};
+
+TEST_F(GivenUp, CallsKeepTheirSlotsUntilTheyAreAnswered) {
+    takeAllSlots(connection_, "Hold");
+    EXPECT_FALSE(isServed());
+    EXPECT_EQ(peer_.count(kInterface, "Answer"), 0u);
+    const auto first = peer_.takeHeld();
+    ASSERT_TRUE(first);
+    first->reply();  // and nobody dispatches it
+    EXPECT_TRUE(waitUntil([&] { return isServed(); }));
+    for (std::uint32_t i = 1; i < RequestContext::kMaxBusCalls; ++i) peer_.takeHeld()->reply();
+}
+
+TEST_F(GivenUp, CallsKeepTheirSlotsUntilTheirTimeHasPassed) {
+    constexpr milliseconds kTime{300};
+    const auto start = Clock::now();
+    takeAllSlots(connection_, "Never", static_cast<int>(kTime.count()));
+    EXPECT_TRUE(waitUntil([&] { return isServed(); }));
+    EXPECT_GE(since(start), kTime);
+}
+
+TEST_F(GivenUp, CallsGiveTheirSlotsBackWithTheConnection) {
+    Connection other;
+    takeAllSlots(other, "Never");
+    EXPECT_FALSE(isServed());
+    other.close();
+    EXPECT_TRUE(isServed());
+}
+
 }  // namespace
 }  // namespace UnitTest

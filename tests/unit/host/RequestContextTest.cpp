@@ -5,6 +5,7 @@
 #include <atomic>
 #include <deque>
 #include <optional>
+#include <utility>
 
 #include "tests/unit/host/Threads.h"
 
@@ -57,6 +58,27 @@ TEST(RequestContext, ThreadsWithoutOneNeedNoSlot) {
     threads.join();
     EXPECT_TRUE(granted);
     EXPECT_EQ(calls.size(), RequestContext::kMaxBusCalls + 1);
+}
+
+TEST(RequestContext, ASlotMovesOnWithItsCallAndIsGivenBackOnce) {
+    std::optional<BusCall> moved;
+    std::deque<BusCall> calls;
+    {
+        const RequestContext request;
+        BusCall left;
+        moved.emplace(std::move(left));
+        EXPECT_TRUE(moved->granted());
+    }
+    const RequestContext request;
+    while (calls.emplace_back().granted()) {
+    }
+    EXPECT_EQ(calls.size(), RequestContext::kMaxBusCalls) << "all but the one that moved, and one refused";
+    HostTest::Threads threads;
+    threads.start([&] { moved.reset(); });
+    threads.join();
+    const RequestContext next;
+    EXPECT_TRUE(calls.emplace_back().granted());
+    EXPECT_FALSE(BusCall().granted());
 }
 
 TEST(RequestContext, NeverGrantsMoreThanThereAreWhenThreadsCompete) {
