@@ -60,7 +60,7 @@ def quick(run):
 
 
 def full(run):
-    run.leg("formatting", runners.formatting)
+    run.leg("formatting", runners.formatting, runners.words)
     quick(run)
     run.leg("valgrind: short scenarios",
             lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS, name="valgrind"))
@@ -74,6 +74,7 @@ def full(run):
             lambda: runners.clang_tidy("clang"))
     if runners.has_preset("fuzz"):
         run.leg("fuzzers", lambda: runners.build("fuzz"), lambda: runners.fuzzers("fuzz", FUZZ_SECONDS))
+
 
 def repeat(run, times, name):
     """The tests that hold the name, in the unit tests and in the scenarios, with the release build."""

@@ -170,6 +170,23 @@ def formatting():
     return PASSED
 
 
+# What nobody leaves in what is finished: notes to oneself, paths of one's own machine, halves of a merge.
+UNFINISHED = r"\b([T]ODO|[F]IXME|[X]XX|[W]IP)\b|/[w]ork/|/[h]ome/|^(<{7}|>{7}) |[D]O NOT (COMMIT|MERGE)"
+
+
+def words():
+    """No text file that git knows holds a word of UNFINISHED."""
+    # 1: there is none.
+    log = "words.log"
+    (LOGS / log).unlink(missing_ok=True)
+    if run(["git", "grep", "--untracked", "-nIP", UNFINISHED], log) != 1:
+        show_log(log, 30)
+        say("words that a finished product does not contain")
+        return FAILED
+    say("words: none that is left over")
+    return PASSED
+
+
 # What is analysed: the product. The tests are held to the compilers' warnings.
 ANALYSED = {"platform", "service", "adapters", "devices", "agent", "client", "simulator"}
 
