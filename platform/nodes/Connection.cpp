@@ -2,6 +2,8 @@
 
 #include <sys/epoll.h>
 
+#include <cerrno>
+
 #include "platform/nodes/Log.h"
 #include "platform/nodes/Methods.h"
 #include "platform/nodes/Node.h"
@@ -16,7 +18,11 @@ Connection::~Connection() = default;
 
 bool Connection::open() {
     const Lock lock(lock_);
-    return node_->service().engine().add(*this, socket_.get(), EPOLLIN | EPOLLRDHUP);
+    if (node_->service().engine().add(*this, socket_.get(), EPOLLIN | EPOLLRDHUP)) return true;
+    const int error = errno;
+    endStream(std::move(socket_));
+    errno = error;
+    return false;
 }
 
 void Connection::onEvents(std::uint32_t events, Worker& worker) {

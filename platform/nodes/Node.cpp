@@ -154,12 +154,12 @@ void Node::acceptAll() {
 void Node::admit(Fd socket) {
     ucred client{};
     socklen_t size = sizeof client;
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return;
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return endStream(std::move(socket));
     Admission& admission = service_->engine().admission();
     if (const char* limit = admission.addConnection(client.uid)) {
         LogRecord(kLogDegraded, logHandle())
             << "Connection refused: " << name_ << ": " << limit << ", user " << std::to_string(client.uid);
-        return;
+        return endStream(std::move(socket));
     }
     const Ref<Connection> connection(new Connection(this, client.uid, std::move(socket)));
     connections_.push_back(connection);

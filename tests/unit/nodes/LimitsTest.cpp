@@ -1,8 +1,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 
+#include <csignal>
 #include "tests/unit/nodes/Child.h"
 #include "tests/unit/nodes/Client.h"
 #include "tests/unit/nodes/Fixture.h"
@@ -284,3 +286,22 @@ TEST_F(ConnectionLimits, OneUserHas128AndTheOwnUserIsBoundByTheTotalOnly) {
 
 }  // namespace
 }  // namespace NodesTest
+TEST_F(ConnectionLimits, WhoIsRefusedReadsTheEndOfTheStreamThoughItHasSentACall) {
+    Child child({"limited", "64", "test/node"});
+    ASSERT_EQ(child.line(), "ready");
+    std::vector<std::unique_ptr<Client>> clients;
+    ASSERT_EQ(servedOf(48, "test/node", clients), 48u);
+    // Stopped, so that the calls are there before the connections are accepted.
+    child.signal(SIGSTOP);
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child.process()), &info, WSTOPPED), 0);
+    std::vector<std::unique_ptr<Client>> refused;
+    for (int count = 0; count < 5; ++count) {
+        refused.push_back(std::make_unique<Client>("test/node"));
+        refused.back()->send(getCall("none"));
+    }
+    child.signal(SIGCONT);
+    for (const auto& client : refused) EXPECT_TRUE(client->isClosed());
+    EXPECT_EQ(child.end(), 0);
+}
+
