@@ -65,7 +65,9 @@ void Connection::pump(Worker& worker) {
             break;
         }
     }
-    if (readable_ && pendingCalls() >= Limits::kPendingCalls) logOnce(LoggedPending, "too many calls are pending");
+    if (readable_ && pendingCalls() >= Limits::kPendingCalls && !(logged_ & LoggedPending) && isUnread()) {
+        logOnce(LoggedPending, "too many calls are pending");
+    }
 }
 
 bool Connection::mayServe() const {

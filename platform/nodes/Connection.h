@@ -87,6 +87,7 @@ private:
     // ConnectionInput.cpp
     std::optional<std::string_view> receive(Worker& worker) REQUIRES(lock_);
     std::size_t peek(Worker& worker) REQUIRES(lock_);
+    bool isUnread() const REQUIRES(lock_);
     void enqueue(std::string_view bytes) REQUIRES(lock_);
     void dequeue(std::string& message) REQUIRES(lock_);
     void breakInput(std::string_view limit) REQUIRES(lock_);

@@ -1,3 +1,4 @@
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -91,6 +92,12 @@ std::size_t Connection::peek(Worker& worker) {
 void Connection::enqueue(std::string_view bytes) {
     for (std::size_t end = bytes.find('\0'); end != std::string_view::npos; end = bytes.find('\0')) {
         if (partial_ + end > Limits::kMessageBytes) return breakInput("a message is too long");
+bool Connection::isUnread() const {
+    // The end of the client's input makes the socket readable, too, though nothing is left in it.
+    int bytes = 0;
+    return ioctl(socket_.get(), FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
         queue_.append(bytes.substr(0, end + 1));
         partial_ = 0;
         ++calls_;

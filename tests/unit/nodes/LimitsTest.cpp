@@ -97,6 +97,23 @@ TEST_F(Limits, TooManyPendingCallsAreLoggedOnceForAConnection) {
 
 TEST_F(Limits, Of256RequestsAllAreServedAndTheNextIsBusy) {
     Services::Nodes::requestOnTermination(String::create("test/urgent"), String::create("STOP"));
+TEST_F(Limits, AsManyPendingCallsAsThereMayBeAreNotLoggedWhenTheClientSendsNoMoreEither) {
+    const auto clients = blocked(2, "WAIT");
+    for (const auto& client : clients) {
+        for (int call = 2; call <= 64; ++call) client->send(getCall("NAME"));
+        EXPECT_TRUE(waitUntil([&] { return client->isAllRead(); }));
+    }
+    clients[0]->halfClose();
+    for (int round = 0; round < 10; ++round) EXPECT_EQ(Client(kNode).call(getCall("NAME")), kName);
+    clients[1]->hangUp();
+    EXPECT_TRUE(waitUntil([&] { return server().interrupted == 1; }));
+    server().post();
+    EXPECT_EQ(clients[0]->receive(), integerReply("WAIT", 0));
+    for (int call = 2; call <= 64; ++call) EXPECT_EQ(clients[0]->receive(), kName);
+    EXPECT_TRUE(clients[0]->isClosed());
+    EXPECT_EQ(records("too many calls are pending"), 0u);
+}
+
     service_.add("test/urgent", 9);
     auto clients = blocked(255, "WAIT");
     Client client(kNode);
