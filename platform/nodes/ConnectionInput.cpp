@@ -65,8 +65,11 @@ std::optional<std::string_view> Connection::receive(Worker& worker) {
 }
 
 std::size_t Connection::peek(Worker& worker) {
+    // The one call that may be longer than all that waits is the next to be served.
+    const std::size_t room =
+        calls_ == 0 ? worker.input.size() : std::min(worker.input.size(), Limits::kReadAheadBytes - queuedBytes());
     bool cut = false;
-    const ssize_t got = receiveSome(socket_.get(), worker.input.data(), worker.input.size(), MSG_PEEK, cut);
+    const ssize_t got = receiveSome(socket_.get(), worker.input.data(), room, MSG_PEEK, cut);
     if (got <= 0) {
         readable_ = false;
         if (got == 0 || errno != EAGAIN) {
@@ -77,27 +80,27 @@ std::size_t Connection::peek(Worker& worker) {
     }
     const std::string_view bytes(worker.input.data(), static_cast<std::size_t>(got));
     std::size_t taken = 0;
-    for (unsigned room = Limits::kPendingCalls - pendingCalls(); room > 0; --room) {
+    for (unsigned more = Limits::kPendingCalls - pendingCalls(); more > 0; --more) {
         const std::size_t end = bytes.find('\0', taken);
         if (end == std::string_view::npos) {
-            readable_ = cut || readToEnd_ || bytes.size() == worker.input.size();
+            readable_ = cut || readToEnd_ || bytes.size() == room;
             return bytes.size();
         }
         taken = end + 1;
     }
-    if (taken == bytes.size()) readable_ = cut || readToEnd_ || taken == worker.input.size();
+    if (taken == bytes.size()) readable_ = cut || readToEnd_ || taken == room;
     return taken;
 }
 
-void Connection::enqueue(std::string_view bytes) {
-    for (std::size_t end = bytes.find('\0'); end != std::string_view::npos; end = bytes.find('\0')) {
-        if (partial_ + end > Limits::kMessageBytes) return breakInput("a message is too long");
 bool Connection::isUnread() const {
     // The end of the client's input makes the socket readable, too, though nothing is left in it.
     int bytes = 0;
     return ioctl(socket_.get(), FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
+void Connection::enqueue(std::string_view bytes) {
+    for (std::size_t end = bytes.find('\0'); end != std::string_view::npos; end = bytes.find('\0')) {
+        if (partial_ + end > Limits::kMessageBytes) return breakInput("a message is too long");
         queue_.append(bytes.substr(0, end + 1));
         partial_ = 0;
         ++calls_;

@@ -115,6 +115,43 @@ TEST_F(Blocking, LargeCallsBehindARequestAreReadUpToALimitInBytes) {
     for (int call = 0; call < 20; ++call) ASSERT_EQ(client.receive(), R"({"parameters":{"values":[]}})");
 }
 
+TEST_F(Blocking, BehindARequest256KiBOfCallsAreReadAndNotOneByteMore) {
+    constexpr std::size_t kReadAheadBytes = 256 * 1024;
+    const std::string call = getCall(std::string(100'000, 'a')) + '\0';
+    const std::string calls = call + call + call;
+    Client client(kNode);
+    block(client);
+    client.sendBytes(std::string_view(calls).substr(0, kReadAheadBytes - 1));
+    ASSERT_TRUE(waitUntil([&] { return client.isAllRead(); }));
+    client.sendBytes(std::string_view(calls).substr(kReadAheadBytes - 1, 1));
+    ASSERT_TRUE(waitUntil([&] { return client.isAllRead(); }));
+    client.sendBytes(std::string_view(calls).substr(kReadAheadBytes, 1));
+    // Somebody else, who came later, is served, and still it is unread.
+    for (int round = 0; round < 10; ++round) EXPECT_EQ(Client(kNode).call(getCall("NAME")), kName);
+    EXPECT_FALSE(client.isAllRead());
+    server().post();
+    EXPECT_EQ(client.receive(), integerReply("WAIT", 0));
+    client.sendBytes(std::string_view(calls).substr(kReadAheadBytes + 1));
+    for (int at = 0; at < 3; ++at) EXPECT_EQ(client.receive(), R"({"parameters":{"values":[]}})");
+}
+
+TEST_F(Blocking, WhatBehindARequestCrossesTheLimitInBytesIsReadInPart) {
+    constexpr std::size_t kReadAheadBytes = 256 * 1024;
+    const std::string call = getCall(std::string(100'000, 'a')) + '\0';
+    const std::string calls = call + call + call;
+    Client client(kNode);
+    block(client);
+    client.sendBytes(std::string_view(calls).substr(0, kReadAheadBytes - 1));
+    ASSERT_TRUE(waitUntil([&] { return client.isAllRead(); }));
+    client.sendBytes(std::string_view(calls).substr(kReadAheadBytes - 1, 2));
+    for (int round = 0; round < 10; ++round) EXPECT_EQ(Client(kNode).call(getCall("NAME")), kName);
+    EXPECT_FALSE(client.isAllRead());
+    server().post();
+    EXPECT_EQ(client.receive(), integerReply("WAIT", 0));
+    client.sendBytes(std::string_view(calls).substr(kReadAheadBytes + 1));
+    for (int at = 0; at < 3; ++at) EXPECT_EQ(client.receive(), R"({"parameters":{"values":[]}})");
+}
+
 TEST_F(Blocking, IdleConnectionsCostNoThread) {
     Client first(kNode);
     EXPECT_EQ(first.call(getCall("NAME")), kName);

@@ -1,10 +1,11 @@
+#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
-
 #include <csignal>
+
 #include "tests/unit/nodes/Child.h"
 #include "tests/unit/nodes/Client.h"
 #include "tests/unit/nodes/Fixture.h"
@@ -45,6 +46,7 @@ std::string getOfSize(std::size_t bytes) {
 }
 
 constexpr std::size_t kMessageBytes = 256 * 1024;
+constexpr std::size_t kBacklogBytes = 256 * 1024;
 const std::string kNoValues = R"({"parameters":{"values":[]}})";
 
 TEST_F(Limits, AMessageOf256KiBIsTaken) {
@@ -95,8 +97,6 @@ TEST_F(Limits, TooManyPendingCallsAreLoggedOnceForAConnection) {
     EXPECT_EQ(records("test/node: too many calls are pending"), 1u);
 }
 
-TEST_F(Limits, Of256RequestsAllAreServedAndTheNextIsBusy) {
-    Services::Nodes::requestOnTermination(String::create("test/urgent"), String::create("STOP"));
 TEST_F(Limits, AsManyPendingCallsAsThereMayBeAreNotLoggedWhenTheClientSendsNoMoreEither) {
     const auto clients = blocked(2, "WAIT");
     for (const auto& client : clients) {
@@ -114,6 +114,8 @@ TEST_F(Limits, AsManyPendingCallsAsThereMayBeAreNotLoggedWhenTheClientSendsNoMor
     EXPECT_EQ(records("too many calls are pending"), 0u);
 }
 
+TEST_F(Limits, Of256RequestsAllAreServedAndTheNextIsBusy) {
+    Services::Nodes::requestOnTermination(String::create("test/urgent"), String::create("STOP"));
     service_.add("test/urgent", 9);
     auto clients = blocked(255, "WAIT");
     Client client(kNode);
@@ -181,6 +183,76 @@ TEST_F(Limits, RepliesThatAreNotReadAreKeptToALimitThenTheConnectionIsClosed) {
     EXPECT_LT(whole, server().begunCount("BIG"));
 }
 
+/// Bytes that the kernel holds for a client.
+std::size_t unreadBytes(const Client& client) {
+    int unread = 0;
+    EXPECT_EQ(::ioctl(client.socket(), FIONREAD, &unread), 0);
+    return static_cast<std::size_t>(unread);
+}
+
+TEST_F(Limits, RepliesThatAreNotReadMayBeAsManyBytesAsTheLimitAndNotOneMore) {
+    const std::string part = stringReply("BIG", std::string(50'000, 'x'));
+    const std::size_t frame = stringReply("BIG", "").size() + 1;
+    for (const std::size_t past : {0u, 1u}) {
+        Client client(kNode);
+        const auto sendBig = [&](std::size_t bytes) {
+            const std::size_t echoes = server().begunCount("ECHO");
+            client.send(bigCall(bytes - frame));
+            // Begun when the reply before it has been sent, or kept; it has none itself.
+            client.send(executeCall({"ECHO"}, R"(,"oneway":true)"));
+            return waitUntil([&] { return server().begunCount("ECHO") > echoes || records("replies are not read") > 0; });
+        };
+        // What the kernel does not take is kept, and from then on all of it.
+        std::size_t sent = 0;
+        do {
+            ASSERT_TRUE(sendBig(part.size() + 1));
+            sent += part.size() + 1;
+        } while (sent == unreadBytes(client));
+        const std::size_t kept = sent - unreadBytes(client);
+        ASSERT_TRUE(sendBig(kBacklogBytes - kept + past));
+        EXPECT_EQ(records("test/node: replies are not read"), past);
+        // One byte more, and what was kept is lost: only what the kernel had arrives.
+        const std::size_t whole = (past == 0 ? sent : sent - kept) / (part.size() + 1);
+        for (std::size_t at = 0; at < whole; ++at) ASSERT_EQ(client.receive(), part);
+        if (past == 0) {
+            EXPECT_EQ(client.receive(), stringReply("BIG", std::string(kBacklogBytes - kept - frame, 'x')));
+            EXPECT_EQ(client.call(getCall("NAME")), kName);
+        } else {
+            EXPECT_FALSE(client.receive());
+        }
+    }
+}
+
+TEST_F(Limits, ChangesThatAWatchDoesNotReadMayBeAsManyBytesAsTheLimitAndNotOneMore) {
+    constexpr std::uint64_t kLongest = 10'000'000'000'000'000'000u;
+    const auto sizeOf = [](std::uint64_t change) {
+        return R"({"parameters":{"change":},"continues":true})" + std::to_string(change) + '\0';
+    };
+    for (const std::size_t past : {0u, 1u}) {
+        Client client(kNode);
+        client.send(nodeCall("Watch", "", R"(,"more":true)"));
+        ASSERT_EQ(client.receive(), R"({"parameters":{},"continues":true})");
+        std::size_t sent = 0;
+        const auto change = [&](std::uint64_t argument) {
+            service_.kept(kNode).changed(argument);
+            sent += sizeOf(argument).size();
+        };
+        const auto room = [&] { return kBacklogBytes + past - (sent - unreadBytes(client)); };
+        const std::size_t longest = sizeOf(kLongest).size();
+        const std::size_t shortest = sizeOf(0).size();
+        while (sent == unreadBytes(client) || room() > 4 * longest) change(kLongest);
+        // Four more, of lengths that together are the rest.
+        EXPECT_EQ(records("replies are not read"), 0u);
+        for (std::size_t left = 4; left > 0; --left) {
+            std::uint64_t argument = 1;
+            for (std::size_t size = shortest; size < room() / left; ++size) argument *= 10;
+            change(argument);
+        }
+        EXPECT_EQ(records("test/node: replies are not read"), past);
+        if (past == 0) EXPECT_EQ(room(), 0u);
+    }
+}
+
 TEST_F(Limits, OneLargerReplyMayStandAndTheNextCallWaitsForItsClient) {
     Client client(kNode);
     client.send(bigCall(3'000'000));
@@ -232,6 +304,25 @@ TEST_F(ConnectionLimits, ThreeQuartersOfTheDescriptorsAtMost) {
     std::vector<std::unique_ptr<Client>> clients;
     EXPECT_EQ(servedOf(48, "test/node", clients), 48u);
     EXPECT_TRUE(Client("test/node").isClosed());
+    EXPECT_EQ(child.end(), 0);
+}
+
+TEST_F(ConnectionLimits, WhoIsRefusedReadsTheEndOfTheStreamThoughItHasSentACall) {
+    Child child({"limited", "64", "test/node"});
+    ASSERT_EQ(child.line(), "ready");
+    std::vector<std::unique_ptr<Client>> clients;
+    ASSERT_EQ(servedOf(48, "test/node", clients), 48u);
+    // Stopped, so that the calls are there before the connections are accepted.
+    child.signal(SIGSTOP);
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child.process()), &info, WSTOPPED), 0);
+    std::vector<std::unique_ptr<Client>> refused;
+    for (int count = 0; count < 5; ++count) {
+        refused.push_back(std::make_unique<Client>("test/node"));
+        refused.back()->send(getCall("none"));
+    }
+    child.signal(SIGCONT);
+    for (const auto& client : refused) EXPECT_TRUE(client->isClosed());
     EXPECT_EQ(child.end(), 0);
 }
 
@@ -303,22 +394,3 @@ TEST_F(ConnectionLimits, OneUserHas128AndTheOwnUserIsBoundByTheTotalOnly) {
 
 }  // namespace
 }  // namespace NodesTest
-TEST_F(ConnectionLimits, WhoIsRefusedReadsTheEndOfTheStreamThoughItHasSentACall) {
-    Child child({"limited", "64", "test/node"});
-    ASSERT_EQ(child.line(), "ready");
-    std::vector<std::unique_ptr<Client>> clients;
-    ASSERT_EQ(servedOf(48, "test/node", clients), 48u);
-    // Stopped, so that the calls are there before the connections are accepted.
-    child.signal(SIGSTOP);
-    siginfo_t info{};
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child.process()), &info, WSTOPPED), 0);
-    std::vector<std::unique_ptr<Client>> refused;
-    for (int count = 0; count < 5; ++count) {
-        refused.push_back(std::make_unique<Client>("test/node"));
-        refused.back()->send(getCall("none"));
-    }
-    child.signal(SIGCONT);
-    for (const auto& client : refused) EXPECT_TRUE(client->isClosed());
-    EXPECT_EQ(child.end(), 0);
-}
-
