@@ -1,6 +1,6 @@
 add_library(btn_sanitizers INTERFACE)
 if(BTN_SANITIZE)
-  set(flags -fsanitize=${BTN_SANITIZE} -fno-omit-frame-pointer -g)
+  set(flags -fsanitize=${BTN_SANITIZE} -fno-omit-frame-pointer -g1)
   if(BTN_SANITIZE MATCHES "undefined")
     list(APPEND flags -fno-sanitize-recover=undefined)
   endif()
