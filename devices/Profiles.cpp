@@ -25,12 +25,14 @@ void Device::retrieveProfiles() {
                             String::create(Bluez::kDevice), String::create("UUIDs"),
                             [this](DBusMessageIter* value) { appendProfiles(value); });
 
-    const MonGuard guard(profilesLock_);
+    // Here and for appending: a profile that is being connected is waited for, but not once the service ends.
+    if (!profilesLock_->enter()) return;
     if (const std::size_t count = profiles_.count(); count > 0) {
         (LogRecord(1, Log::device) << "Successfully retrieved ").number(count) << " profiles for " << path_;
     } else {
         LogRecord(3, Log::device) << "Did not retreive any profiles for " << path_;
     }
+    profilesLock_->leave();
 }
 
 void Device::appendProfiles(DBusMessageIter* value) {
@@ -38,7 +40,7 @@ void Device::appendProfiles(DBusMessageIter* value) {
     DBusMessageIter uuids;
     DBus::dbus_message_iter_recurse(value, &uuids);
 
-    const MonGuard guard(profilesLock_);
+    if (!profilesLock_->enter()) return;
     std::vector<Ref<Profile>> found;
     DBus::Util::iterArray(&uuids, [&found](DBusMessageIter* element) {
         if (DBus::dbus_message_iter_get_arg_type(element) != DBUS_TYPE_STRING) return true;
@@ -48,6 +50,7 @@ void Device::appendProfiles(DBusMessageIter* value) {
         return true;
     });
     profiles_.append(found);
+    profilesLock_->leave();
 }
 
 std::size_t Device::profileCount() {

@@ -21,6 +21,8 @@ public:
     void leave() RELEASE();
 
 private:
+    friend struct MonProbe;
+
     bool take() REQUIRES(mutex_);
     bool await(bool interruptible) EXCLUDES(mutex_);
 

@@ -278,13 +278,42 @@ TEST_F(Profiles, ThePairsAnswerWaitsForTheListWhileConnectProfileIsAnswered) {
     const auto call = bluez_.takeHeld();
     ASSERT_TRUE(call);
     pair->reply();
-    // The dispatch thread has asked for the UUIDs, and needs the list for the answer.
-    ASSERT_TRUE(bluez_.waitForCalls(kProperties, "Get"));
+    // The dispatch thread has the UUIDs, and needs the list for them.
+    ASSERT_TRUE(waitForThreadsBefore(DeviceProbe::profilesLock(*device), 1));
     call->reply();
     EXPECT_EQ(activating->answer(), 0);  // and not -1, as at its time-out
     EXPECT_EQ(request->answer(), Connected(0, ""));
     EXPECT_EQ(numbers(device), (std::vector<std::uint32_t>{0x110B, 0x110B}));
     EXPECT_TRUE(device->profileAt(0)->active());
+}
+
+TEST_F(Profiles, TheEndOfTheServiceDoesNotWaitForOneBeingConnected) {
+    for (const bool readable : {true, false}) {
+        // The dispatch thread needs the list for the UUIDs and, when there are none to be had, for counting what it
+        // has.
+        SCOPED_TRACE(readable);
+        const Ref<Device> device = makeUnpaired();
+        if (readable) {
+            offer(kPath, {kSink});
+        } else {
+            bluez_.removeProperty(kPath, kDeviceInterface, "UUIDs");
+        }
+        std::unique_ptr<Request<Connected>> request;
+        const auto pair = beginPairing(device, &request);
+        DeviceProbe::profilesLock(*device)->enterAlways();
+        pair->reply();
+        const bool waits = waitForThreadsBefore(DeviceProbe::profilesLock(*device), 1);
+        dispatchInterrupt_.raise(Level::End);
+        const bool answered = request->answeredWithin();
+        DeviceProbe::profilesLock(*device)->leave();
+        ASSERT_TRUE(waits);
+        EXPECT_TRUE(answered);
+        EXPECT_EQ(request->answer(), Connected(0, ""));
+        settle();
+        EXPECT_EQ(device->profileCount(), 0u);
+        dispatchInterrupt_.reset();
+        log_.forget();
+    }
 }
 
 TEST_F(Profiles, AreEmptiedWhileOneIsBeingConnected) {

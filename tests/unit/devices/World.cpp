@@ -45,6 +45,7 @@ World::World() : bluez_(PrivateBus::address()) {
     service_ = Service::create();
     if (!service_) std::abort();
     dispatcher_ = std::thread([this] {
+        const Interrupt::Bind bind(dispatchInterrupt_);
         while (!ends_ && DBus::dbus_connection_read_write_dispatch(service_->connection(), 500)) {
         }
     });
@@ -179,6 +180,10 @@ bool World::waitForWaiters(const Ref<Device>& device, std::size_t number) {
 
 bool World::waitForState(const Ref<Device>& device, PairingState state) {
     return waitUntil([&] { return device->getPairingState() == state; });
+}
+
+bool World::waitForThreadsBefore(const Ref<Mon>& monitor, unsigned number) {
+    return waitUntil([&] { return MonProbe::waiting(*monitor) == number; });
 }
 
 bool World::goesAway(Ref<Device>& device) {

@@ -20,6 +20,15 @@
 #include "tests/unit/support/NodeRoot.h"
 #include "tests/unit/support/PrivateBus.h"
 
+/// What tests that force an order of events see of a monitor.
+struct MonProbe {
+    /// How many threads wait to enter.
+    static unsigned waiting(Mon& mon) {
+        const MutexLock lock(mon.mutex_);
+        return mon.waiting_;
+    }
+};
+
 namespace Services::Bluetooth::Linux {
 
 /// What tests that force an order of events reach inside of a device.
@@ -27,6 +36,8 @@ struct DeviceProbe {
     static const Ref<Mon>& waitersLock(Device& device) { return device.waitersLock_; }
     static const Ref<Mon>& profilesLock(Device& device) { return device.profilesLock_; }
     static std::size_t waiters(Device& device);
+    /// The same for whoever is inside of waitersLock.
+    static std::size_t waitersInside(Device& device) NO_THREAD_SAFETY_ANALYSIS { return device.waiters_->items.size(); }
     static Ref<PairingAttempt> attempt(Device& device);
     static bool setPairingState(Device& device, PairingState next) { return device.setPairingState(next); }
     /// Without anything that goes with it.
@@ -144,6 +155,8 @@ protected:
                                                     std::unique_ptr<Request<Connected>>* request);
     bool waitForWaiters(const Ref<Device>& device, std::size_t number);
     bool waitForState(const Ref<Device>& device, PairingState state);
+    /// Waits until so many threads stand before the monitor, which somebody is inside of.
+    static bool waitForThreadsBefore(const Ref<Mon>& monitor, unsigned number);
     /// Drops the test's reference; true when that was the last one within the limit.
     static bool goesAway(Ref<Device>& device);
 
@@ -152,6 +165,8 @@ protected:
     LogCapture log_;
     Ref<Service> service_;
     std::string serviceName_;  ///< its unique name on the bus
+
+    Interrupt dispatchInterrupt_;  ///< the dispatch thread's
 
 private:
     std::atomic<bool> ends_{false};
