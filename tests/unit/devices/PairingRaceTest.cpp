@@ -4,7 +4,7 @@
 #include "tests/unit/devices/World.h"
 
 // Orders of events that only chance brings about, brought about. Where a lock decides an order, the test holds it until
-// everybody is there; where that is not enough, the threads meet at a barrier, many times.
+// everybody stands before it; where that is not enough, the threads meet at a barrier, many times.
 
 namespace UnitTest {
 namespace {
@@ -20,6 +20,13 @@ protected:
         EXPECT_EQ(DeviceProbe::waiters(*device), 0u);
         EXPECT_FALSE(listened(viewOf(device->getPath()).data()));
     }
+    static void answerPair(const FakePeer::Request& pair, bool succeeds) {
+        if (succeeds) {
+            pair.reply();
+        } else {
+            pair.error("org.bluez.Error.Failed");
+        }
+    }
     /// Back to the start for the next round.
     void makeUnpairedAgain(const Ref<Device>& device) {
         settle();
@@ -31,21 +38,26 @@ protected:
 
 TEST_F(PairingRace, AnAnswerDoesNotSlipPastWhoeverIsAboutToWait) {
     const Ref<Device> device = makeUnpaired();
+    const Ref<Mon>& door = DeviceProbe::waitersLock(*device);
     for (int round = 0; round < 300; ++round) {
         const bool succeeds = round % 2 == 0;
+        // Usually whoever came first goes in first.
+        const bool answerFirst = round % 4 < 2;
         std::unique_ptr<Request<Connected>> request;
         const auto pair = beginPairing(device, &request);
-        // The answer's handler and the waiters all stand before the same door, which then opens.
-        DeviceProbe::waitersLock(*device)->enterAlways();
+        door->enterAlways();
+        if (answerFirst) answerPair(*pair, succeeds);
+        bool allThere = !answerFirst || waitForThreadsBefore(door, 1);
         std::vector<std::unique_ptr<Request<std::uint32_t>>> waiting;
         for (int waiter = 0; waiter < 3; ++waiter) waiting.push_back(awaitPaired(device));
-        if (succeeds) {
-            pair->reply();
-        } else {
-            pair->error("org.bluez.Error.Failed");
+        if (!answerFirst) {
+            allThere = waitForThreadsBefore(door, 3);
+            answerPair(*pair, succeeds);
         }
-        bluez_.flush();
-        DeviceProbe::waitersLock(*device)->leave();
+        // The three and the dispatch thread.
+        allThere = allThere && waitForThreadsBefore(door, 4);
+        door->leave();
+        EXPECT_TRUE(allThere);
         for (const auto& waiter : waiting) {
             const std::uint32_t result = waiter->answer();
             if (succeeds) {
@@ -62,14 +74,27 @@ TEST_F(PairingRace, AnAnswerDoesNotSlipPastWhoeverIsAboutToWait) {
 
 TEST_F(PairingRace, AnAnswerDoesNotSlipPastADisconnect) {
     const Ref<Device> device = makeUnpaired();
+    const Ref<Mon>& door = DeviceProbe::waitersLock(*device);
     for (int round = 0; round < 300; ++round) {
+        const bool answerFirst = round % 2 == 0;
         std::unique_ptr<Request<Connected>> request;
         const auto pair = beginPairing(device, &request);
-        DeviceProbe::waitersLock(*device)->enterAlways();
-        const auto cancel = disconnect(device);
-        pair->error("org.bluez.Error.Failed");
-        bluez_.flush();
-        DeviceProbe::waitersLock(*device)->leave();
+        door->enterAlways();
+        std::unique_ptr<Request<std::uint32_t>> cancel;
+        if (answerFirst) {
+            answerPair(*pair, false);
+        } else {
+            cancel = disconnect(device);
+        }
+        bool bothThere = waitForThreadsBefore(door, 1);
+        if (answerFirst) {
+            cancel = disconnect(device);
+        } else {
+            answerPair(*pair, false);
+        }
+        bothThere = bothThere && waitForThreadsBefore(door, 2);
+        door->leave();
+        EXPECT_TRUE(bothThere);
         const std::uint32_t result = cancel->answer();
         EXPECT_TRUE(result == ResultCode::kSuccess || result == ResultCode::kFailure) << result;
         EXPECT_EQ(request->answer(), Connected(-1, ""));
@@ -77,6 +102,27 @@ TEST_F(PairingRace, AnAnswerDoesNotSlipPastADisconnect) {
         makeUnpairedAgain(device);
         expectNothingLeft(device);
     }
+}
+
+TEST_F(PairingRace, WhoeverSeesThatADeviceIsCancellingSeesWhoWaitsForIt) {
+    const Ref<Device> device = makeUnpaired();
+    const Ref<Mon>& door = DeviceProbe::waitersLock(*device);
+    for (int round = 0; round < 300; ++round) {
+        std::unique_ptr<Request<Connected>> request;
+        const auto pair = beginPairing(device, &request);
+        const auto cancel = disconnect(device);
+        // The test comes in as early as can be after the change: what it sees, the answer's handler might have seen.
+        while (device->getPairingState() != State::Cancelling) continue;
+        door->enterAlways();
+        const std::size_t waiters = DeviceProbe::waitersInside(*device);
+        door->leave();
+        EXPECT_EQ(waiters, 1u);
+        answerPair(*pair, false);
+        EXPECT_EQ(request->answer(), Connected(-1, ""));
+        EXPECT_EQ(cancel->answer(), ResultCode::kSuccess);
+        settle();
+    }
+    expectNothingLeft(device);
 }
 
 TEST_F(PairingRace, AnAnswerAndManyWaitersWithoutOrder) {
