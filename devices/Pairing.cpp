@@ -237,7 +237,9 @@ std::uint32_t Device::waitPaired(std::uint32_t timeoutMs) {
         const PairingState state = getPairingState();
         if (state == PairingState::Unpaired) return ResultCode::kNothingToWaitFor;
         if (state == PairingState::Paired) return ResultCode::kSuccess;
-        if (state != PairingState::Unpairing && attempt_->answered()) return ResultCode::kFailure;
+        // What would wake it has been.
+        const bool over = state == PairingState::Unpairing ? removed_ : attempt_->answered();
+        if (over) return ResultCode::kFailure;
         waiter = enterWaiters();
     }
     waiter->wait(timeoutMs);
@@ -295,6 +297,7 @@ bool Device::cancelPairing(const ServiceHold& service, const PairingAttempt& att
 void Device::removed() {
     const ServiceHold service = holdService();
     const MonGuard guard(waitersLock_);
+    removed_ = true;
     // Of a pairing that is under way BlueZ still owes the answer.
     if (getPairingState() == PairingState::Unpairing) transit(PairingState::Unpaired, service);
 }

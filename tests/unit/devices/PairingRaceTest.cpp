@@ -508,6 +508,23 @@ TEST_F(PairingRace, TheDeviceDisappearsWhileItIsUnpairing) {
     EXPECT_TRUE(goesAway(device));
 }
 
+TEST_F(PairingRace, TheDeviceDisappearsBeforeItIsUnpaired) {
+    Ref<Device> device = publish();
+    DeviceProbe::forceState(*device, State::Paired);
+    EXPECT_TRUE(service_->devices().removeDevice(text(kPath)));
+    // Of a request that found the device before.
+    EXPECT_EQ(device->unpair(), ResultCode::kFailure);
+    EXPECT_EQ(device->getPairingState(), State::Unpairing);
+    auto waiting = awaitPaired(device);
+    const bool answered = waiting->answeredWithin();
+    if (!answered) waiting->interrupt(Level::HangUp);
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(waiting->answer(), ResultCode::kFailure);
+    EXPECT_EQ(DeviceProbe::waiters(*device), 0u);
+    waiting.reset();
+    EXPECT_TRUE(goesAway(device));
+}
+
 TEST_F(PairingRace, TheDeviceDisappearsWhileAllWaitersHaveHungUp) {
     Ref<Device> device = publish();
     std::unique_ptr<Request<Connected>> request;
