@@ -1,5 +1,31 @@
 #include "tests/unit/devices/World.h"
 
+// In place of libdbus's function, by the linker: memory that is short is nothing that a test could bring about.
+extern "C" {
+dbus_bool_t __real_dbus_connection_send(::DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial);
+dbus_bool_t __wrap_dbus_connection_send(::DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial);
+}
+
+namespace UnitTest {
+namespace {
+
+/// How many calls of CancelPairing fail from now on; -1: all of them.
+std::atomic<int> failingCancels{0};
+
+bool failsToSend(DBusMessage* message) {
+    if (!::dbus_message_is_method_call(message, "org.bluez.Device1", "CancelPairing")) return false;
+    int left = failingCancels;
+    while (left > 0 && !failingCancels.compare_exchange_weak(left, left - 1)) continue;
+    return left != 0;
+}
+
+}  // namespace
+}  // namespace UnitTest
+
+dbus_bool_t __wrap_dbus_connection_send(::DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial) {
+    return UnitTest::failsToSend(message) ? FALSE : __real_dbus_connection_send(connection, message, serial);
+}
+
 // What ends a wait other than the answer it waits for, and how soon.
 
 namespace UnitTest {
@@ -20,6 +46,11 @@ protected:
         function();
         return std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
     }
+
+    ~PairingWaits() override { failCancels(0); }
+
+    /// So many calls of CancelPairing cannot be sent from now on; -1: none can.
+    static void failCancels(int number) { failingCancels = number; }
 
     /// "At once" on a loaded machine and under sanitizers; what would end the waits otherwise takes 25 s or for ever.
     static constexpr std::int64_t kAtOnceMs = 5000;
@@ -193,6 +224,73 @@ TEST_F(PairingWaits, ALostBusEndsAllOfThem) {
               kAtOnceMs);
     EXPECT_EQ(device->getPairingState(), State::Unpaired);
     EXPECT_FALSE(listened(kPath));
+}
+
+TEST_F(PairingWaits, ACancelThatCannotBeSentIsTriedAgain) {
+    const Ref<Device> device = makeUnpaired();
+    std::unique_ptr<Request<Connected>> request;
+    const auto pair = beginPairing(device, &request);
+    failCancels(3);
+    std::unique_ptr<Request<std::uint32_t>> cancel;
+    EXPECT_GE(duration([&] {
+                  cancel = disconnect(device);
+                  EXPECT_TRUE(bluez_.waitForCalls(kDeviceInterface, "CancelPairing"));
+              }),
+              300);  // three pauses of 100 ms
+    pair->error("org.bluez.Error.AuthenticationCanceled");
+    EXPECT_EQ(cancel->answer(), ResultCode::kSuccess);
+    EXPECT_EQ(request->answer(), Connected(-1, ""));
+    EXPECT_EQ(bluez_.count(kDeviceInterface, "CancelPairing"), 1u);
+    EXPECT_EQ(log_.count("3 Request cancel pairing failed for " + path_), 3u);
+    EXPECT_EQ(log_.count("1 Request cancel pairing for " + path_), 1u);
+}
+
+TEST_F(PairingWaits, ASecondPincodesCancelIsTriedAgain) {
+    const Ref<Device> device = makeUnpaired();
+    std::unique_ptr<Request<Connected>> request;
+    const auto pair = beginPairing(device, &request);
+    displayPincode(kPath, "1111");
+    EXPECT_EQ(request->answer(), Connected(1, "1111"));
+    failCancels(2);
+    displayPincode(kPath, "2222");
+    ASSERT_TRUE(bluez_.waitForCalls(kDeviceInterface, "CancelPairing"));
+    EXPECT_EQ(log_.count("3 Request cancel pairing failed for " + path_), 2u);
+    pair->error("org.bluez.Error.AuthenticationCanceled");
+    EXPECT_TRUE(waitForState(device, State::Unpaired));
+}
+
+TEST_F(PairingWaits, AHangUpEndsTheTriesToCancel) {
+    const Ref<Device> device = makeUnpaired();
+    std::unique_ptr<Request<Connected>> request;
+    const auto pair = beginPairing(device, &request);
+    failCancels(-1);
+    const auto cancel = disconnect(device);
+    ASSERT_TRUE(log_.waitFor("3 Request cancel pairing failed for " + path_));
+    EXPECT_FALSE(cancel->answeredWithin(milliseconds(50)));
+    cancel->interrupt(Level::HangUp);
+    EXPECT_EQ(cancel->answer(), ResultCode::kFailure);
+    EXPECT_EQ(DeviceProbe::waiters(*device), 0u);
+    pair->error("org.bluez.Error.Failed");
+    EXPECT_EQ(request->answer(), Connected(-1, ""));
+}
+
+TEST_F(PairingWaits, TheEndOfTheServiceEndsTheDispatchThreadsTriesToCancel) {
+    const Ref<Device> device = makeUnpaired();
+    std::unique_ptr<Request<Connected>> request;
+    const auto pair = beginPairing(device, &request);
+    displayPincode(kPath, "1111");
+    EXPECT_EQ(request->answer(), Connected(1, "1111"));
+    failCancels(-1);
+    Request<bool> second([&] {
+        displayPincode(kPath, "2222");  // returns when the dispatch thread does
+        return true;
+    });
+    EXPECT_TRUE(log_.waitFor("3 Request cancel pairing failed for " + path_));
+    EXPECT_FALSE(second.answeredWithin(milliseconds(50)));
+    dispatchInterrupt_.raise(Level::End);
+    EXPECT_TRUE(second.answer());
+    pair->error("org.bluez.Error.Failed");
+    EXPECT_TRUE(waitForState(device, State::Unpaired));
 }
 
 TEST_F(PairingWaits, TheLossOfTheBusEndsTheTriesToCancel) {
