@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "platform/dbus/Errors.h"
+#include "platform/host/SysLog.h"
 
 namespace Libraries::Platform::Posix::DBus {
 
@@ -89,6 +90,7 @@ bool BusIo::start(DBusBusType type) {
 }
 
 void BusIo::run(DBusBusType type) {
+    SysLog::thdName(String::create("Bus"));
     if (!connect(type)) return;
     serve();
     finish();
@@ -100,7 +102,7 @@ bool BusIo::connect(DBusBusType type) {
     if (bus) {
         ::dbus_connection_set_exit_on_disconnect(bus, FALSE);
         // At the limit libdbus would stop reading until messages are freed, so that a dispatch thread that waits for
-        // something would keep the replies from coming in. What is queued is bounded by what the bus's policy lets in.
+        // something would keep the replies from coming in. The queue has a limit of its own.
         ::dbus_connection_set_max_received_size(bus, LONG_MAX);
         ::dbus_connection_set_max_received_unix_fds(bus, LONG_MAX);
     }
@@ -164,6 +166,7 @@ bool BusIo::turn(short events, Poll& next) {
 void BusIo::sort(MessagePtr message) {
     const int type = ::dbus_message_get_type(message.get());
     if (type != DBUS_MESSAGE_TYPE_METHOD_RETURN && type != DBUS_MESSAGE_TYPE_ERROR) {
+        if (::dbus_message_contains_unix_fds(message.get())) return refuse(message.get());
         deliveries_.queued.push_back({std::move(message), nullptr});
         return;
     }
@@ -178,6 +181,15 @@ void BusIo::sort(MessagePtr message) {
         deliveries_.queued.push_back({nullptr, std::move(outstanding.call)});
     }
     calls_.erase(entry);
+}
+
+void BusIo::refuse(DBusMessage* message) {
+    // Queued, it would keep its descriptors open, which the process needs for its clients.
+    if (::dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || ::dbus_message_get_no_reply(message))
+        return;
+    const MessagePtr error(
+        ::dbus_message_new_error(message, DBUS_ERROR_NOT_SUPPORTED, "File descriptors are not taken here"));
+    if (error) write(error.get(), nullptr);
 }
 
 void BusIo::expire() {

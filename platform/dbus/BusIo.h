@@ -84,6 +84,8 @@ private:
     void serve();
     bool turn(short events, Poll& next);
     void sort(MessagePtr message) REQUIRES(lock_);
+    /// Drops a message with descriptors, answering it when it is a call.
+    void refuse(DBusMessage* message) REQUIRES(lock_);
     void expire() REQUIRES(lock_);
     void deliver();
     void finish();

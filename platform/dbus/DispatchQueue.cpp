@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "platform/host/StrConv.h"
+#include "platform/host/SysLog.h"
+
 namespace Libraries::Platform::Posix::DBus {
 
 namespace {
@@ -9,17 +12,54 @@ namespace {
 /// Before a message is delivered again to a handler that was out of memory; long enough not to spin.
 constexpr std::chrono::milliseconds kRedeliveryPause{50};
 
+std::uint64_t logHandle() {
+    static const std::uint64_t handle = SysLogFilter::reg(String::create("DBus"));
+    return handle;
+}
+
+/// What a message counts against the limit on signals; 0 for anything but a signal.
+std::size_t signalBytesOf(DBusMessage* message) {
+    if (!message || ::dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL) return 0;
+    // libdbus does not tell the size of a message otherwise.
+    char* bytes = nullptr;
+    int size = 0;
+    if (!::dbus_message_marshal(message, &bytes, &size)) return DispatchQueue::kMaxSignalBytes + 1;  // out of memory
+    ::dbus_free(bytes);
+    return static_cast<std::size_t>(size) + DispatchQueue::kBytesAroundSignal;
+}
+
 }  // namespace
 
 void DispatchQueue::push(std::vector<Item>& items) {
+    for (Item& item : items) item.signalBytes = signalBytesOf(item.message.get());
     bool wake = false;
+    bool floodBegins = false;
     {
         const MutexLock lock(mutex_);
-        for (Item& item : items) items_.push_back(std::move(item));
+        const bool flooded = flooded_;
+        for (Item& item : items) {
+            if (admit(item)) items_.push_back(std::move(item));
+        }
+        floodBegins = flooded_ && !flooded;
         wake = waiting_;
     }
     items.clear();
     if (wake) wake_.notify_one();
+    if (floodBegins) {
+        LogRecord(3, logHandle()) << "Signals are dropped: " << StrConv::str(kMaxSignalBytes >> 20)
+                                  << " MiB of them wait to be handled";
+    }
+}
+
+bool DispatchQueue::admit(const Item& item) {
+    if (item.signalBytes == 0) return true;
+    if (signalBytes_ == 0) flooded_ = false;
+    if (signalBytes_ + item.signalBytes > kMaxSignalBytes) {
+        flooded_ = true;
+        return false;
+    }
+    signalBytes_ += item.signalBytes;
+    return true;
 }
 
 void DispatchQueue::end() {
@@ -64,12 +104,14 @@ bool DispatchQueue::take(Item& item, int timeoutMs) {
     heldUntil_ = Clock::time_point::min();
     item = std::move(items_.front());
     items_.pop_front();
+    signalBytes_ -= item.signalBytes;
     return true;
 }
 
 void DispatchQueue::putBack(Item item) {
     const MutexLock lock(mutex_);
     if (dropped_) return;
+    signalBytes_ += item.signalBytes;  // past the limit, if need be: it was within it
     items_.push_front(std::move(item));
     heldUntil_ = Clock::now() + kRedeliveryPause;
 }

@@ -1,4 +1,8 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
 #include <vector>
 
@@ -75,6 +79,36 @@ TEST_F(Flood, BeyondLibdbussLimitDoesNotKeepRepliesFromComingIn) {
         peer_.flush();
         EXPECT_TRUE(callPeer(connection_, "Answer"));
     }
+}
+
+/// How many descriptors of the process have this file open.
+std::size_t openDescriptorsOf(const std::string& file) {
+    std::size_t open = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        open += std::filesystem::read_symlink(entry, gone) == file;
+    }
+    return open;
+}
+
+TEST_F(Flood, OfDescriptorsOpensNone) {
+    // Nobody dispatches, so whatever is queued stays.
+    addMatch();
+    const std::string file = "/dev/full";
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0);
+    const std::size_t before = openDescriptorsOf(file);
+    const auto appendDescriptor = [descriptor](DBusMessageIter* iter) {
+        ::dbus_message_iter_append_basic(iter, DBUS_TYPE_UNIX_FD, &descriptor);
+    };
+    for (int i = 0; i < 100; ++i) peer_.emit("/", kInterface, "Descriptor", appendDescriptor);
+    ASSERT_TRUE(callPeer(connection_, "Answer"));
+    const auto answer = peer_.call(peer_.calls().back().sender, "/", kInterface, "Descriptor", appendDescriptor);
+    ASSERT_TRUE(answer);
+    EXPECT_TRUE(::dbus_message_is_error(answer.get(), DBUS_ERROR_NOT_SUPPORTED));
+    // The peer shares the process: its own copies go when it has sent them.
+    EXPECT_TRUE(waitUntil([&] { return openDescriptorsOf(file) == before; }));
+    ::close(descriptor);
 }
 
 /// A filter's data; whoever removes the filter destroys it, so that a late run shows.
