@@ -28,7 +28,8 @@ std::string ServerLock::fileName(std::string_view server) {
 }
 
 std::optional<ServerLock> ServerLock::take(int root, std::string_view server, std::string& reason) {
-    constexpr mode_t kMode = 0644;  // everybody may see who serves
+    // Who may open the file may lock it, and so keep the service from starting: that is nobody else.
+    constexpr mode_t kMode = 0600;
     const std::string name = fileName(server);
     // Open for reading: no file that is open for writing keeps the file system from being mounted read-only.
     Fd file(openat(root, name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
@@ -50,6 +51,7 @@ std::optional<ServerLock> ServerLock::take(int root, std::string_view server, st
         reason = holder.empty() ? "served by another process" : "served by process " + holder;
         return {};
     }
+    fchmod(file.get(), kMode);  // the umask may have taken bits, and a file that was left may have others
     const Fd writable(openat(root, name.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!writable) {
         reason = std::system_category().message(errno);

@@ -106,12 +106,15 @@ Tree::~Tree() {
 
 bool Tree::prepare(std::string& reason) {
     const Lock lock(treeLock);
-    constexpr mode_t kOwnOnly = 0700;
-    const bool made = mkdirat(root_.get(), stagingName_.c_str(), kOwnOnly) == 0;
+    // As every folder of the tree, so that nobody who goes through it is refused. It gives nothing away: a socket here
+    // gets its owner and mode before it listens, and the journal is the process's own.
+    constexpr mode_t kFolderMode = 0755;
+    const bool made = mkdirat(root_.get(), stagingName_.c_str(), kFolderMode) == 0;
     if (made || errno == EEXIST) {
         staging_ = Fd(openat(root_.get(), stagingName_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     }
     if (staging_) {
+        fchmod(staging_.get(), kFolderMode);  // the umask may have taken bits, and one that was left may have others
         clearLeftovers();
         journal_ = Journal::create(staging_.get());
         if (journal_) return true;

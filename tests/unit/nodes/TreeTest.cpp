@@ -72,8 +72,23 @@ TEST_F(Tree, ModesDoNotDependOnTheUmask) {
         EXPECT_EQ(modeOf(pathOf("a/b")), 0755u);
         EXPECT_EQ(modeOf(pathOf("a/b/node")), 0660u);
         EXPECT_EQ(modeOf(pathOf("a/urgent")), 0600u);
+        // What goes through the tree meets no folder that it may not read. Nobody else may lock, or read the journal.
+        EXPECT_EQ(modeOf(pathOf(".TestServer.new")), 0755u);
+        EXPECT_EQ(modeOf(pathOf(".TestServer.new/journal")), 0600u);
+        EXPECT_EQ(modeOf(pathOf(".TestServer.lock")), 0600u);
     }
     ::umask(before);
+}
+
+TEST_F(Tree, FilesOfItsOwnThatAreThereGetTheirModesToo) {
+    fs::create_directories(pathOf(".TestServer.new"));
+    writeFile(".TestServer.lock", "");
+    ASSERT_EQ(::chmod(pathOf(".TestServer.new").c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(pathOf(".TestServer.lock").c_str(), 0644), 0);
+    TestService service;
+    service.add("a/node", 1);
+    EXPECT_EQ(modeOf(pathOf(".TestServer.new")), 0755u);
+    EXPECT_EQ(modeOf(pathOf(".TestServer.lock")), 0600u);
 }
 
 TEST_F(Tree, NodesBelongToTheGroupThatIsCalledLikeTheirTopFolder) {
