@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
@@ -238,9 +237,16 @@ std::optional<gid_t> Tree::groupOf(std::string_view folder) {
     const auto known = groups_.find(folder);
     if (known != groups_.end()) return known->second;
     const std::string name(folder);
-    std::array<char, 16 * 1024> buffer;
+    // The buffer has to hold the names of all members; a group of any size that there is fits into the largest.
+    constexpr std::size_t kFirstBytes = 4 * 1024;
+    constexpr std::size_t kMostBytes = 64 * 1024 * 1024;
     group entry{};
     group* found = nullptr;
+    int error = ERANGE;
+    for (std::size_t bytes = kFirstBytes; bytes <= kMostBytes && (error == ERANGE || error == EINTR); bytes *= 2) {
+        std::vector<char> buffer(bytes);
+        error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    }
     std::optional<gid_t> id;
     if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found) id = found->gr_gid;
     groups_.emplace(name, id);
