@@ -125,16 +125,19 @@ bool Tree::prepare(std::string& reason) {
 void Tree::clearLeftovers() {
     for (const auto& [inode, name] : Journal::read(staging_.get())) removeSocket(name, inode, true);
     // Sockets that were on their way.
-    const int copy = fcntl(staging_.get(), F_DUPFD_CLOEXEC, 0);  // closedir closes it
+    const int copy = fcntl(staging_.get(), F_DUPFD_CLOEXEC, 0);
     DIR* const folder = copy < 0 ? nullptr : fdopendir(copy);
-    if (!folder) return;
+    if (!folder) {
+        Fd(copy).reset();
+        return;
+    }
     while (const dirent* entry = readdir(folder)) {
         struct stat info {};
         if (fstatat(staging_.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISSOCK(info.st_mode)) {
             unlinkat(staging_.get(), entry->d_name, 0);
         }
     }
-    closedir(folder);
+    closedir(folder);  // and the copy
 }
 
 std::optional<Tree::Socket> Tree::publish(std::string_view name, mode_t mode, std::string& reason) {
@@ -248,8 +251,9 @@ std::optional<gid_t> Tree::groupOf(std::string_view folder) {
         error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
     }
     std::optional<gid_t> id;
-    if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found) id = found->gr_gid;
-    groups_.emplace(name, id);
+    if (error == 0 && found) id = found->gr_gid;
+    // Only an answer is kept: what went wrong now may go well for the next node.
+    if (error == 0) groups_.emplace(name, id);
     return id;
 }
 
