@@ -129,24 +129,27 @@ void NodeService::stop() {
 bool NodeService::wait(std::uint32_t timeoutMs) {
     constexpr std::uint32_t kNoLimit = UINT32_MAX;
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    waiters_.fetch_add(1);  // before uses_ is looked at, see endUse()
-    bool unused = true;
-    {
+    const auto await = [&](auto reached) {
         const Lock lock(lock_);
-        while (uses_ != 0 && unused) {
+        for (bool timeLeft = true; !reached();) {
+            if (!timeLeft) return false;
             if (timeoutMs == kNoLimit) {
                 unused_.wait(lock_);
             } else {
-                unused = unused_.wait_until(lock_, end) != std::cv_status::timeout || uses_ == 0;
+                timeLeft = unused_.wait_until(lock_, end) != std::cv_status::timeout;
             }
         }
-    }
+        return true;
+    };
+    waiters_.fetch_add(1);  // before uses_ is looked at, see endUse()
+    const bool unused = await([this] { return uses_ == 0; });
     waiters_.fetch_sub(1);
-    if (unused && stopped_) {
-        releaseServer();
-        releaseEngine();
-    }
-    return unused;
+    if (!unused || !stopped_) return unused;
+    releaseServer();
+    // Another thread may be at it, and not through with it.
+    if (!await([this] { return serverGone_.load(); })) return false;
+    releaseEngine();
+    return true;
 }
 
 bool NodeService::beginUse() noexcept {
@@ -169,8 +172,11 @@ void NodeService::afterLastUse() {
 
 void NodeService::releaseServer() {
     if (serverReleased_.exchange(true)) return;
-    const Ref<Interfaces::Service> service = std::move(service_);
-    const Ref<ConMan> conMan = std::move(conMan_);
+    service_.reset();
+    conMan_.reset();
+    const Lock lock(lock_);
+    serverGone_ = true;
+    unused_.notify_all();
 }
 
 void NodeService::releaseEngine() {

@@ -86,7 +86,8 @@ private:
     std::atomic<unsigned> uses_{0};
     std::atomic<unsigned> waiters_{0};
     std::atomic<bool> stopped_{false};
-    std::atomic<bool> serverReleased_{false};
+    std::atomic<bool> serverReleased_{false};  // or about to be
+    std::atomic<bool> serverGone_{false};
 
     Mutex lock_;
     std::condition_variable_any unused_;

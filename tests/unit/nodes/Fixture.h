@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -54,11 +55,15 @@ public:
     std::atomic<int> waiting{0};      ///< requests that wait in WAIT, SLEEP, PLAIN or BUS
     std::atomic<int> interrupted{0};  ///< waits that were interrupted so far
     std::atomic<int> sets{0};
-    static std::atomic<int> alive;  ///< servers that are not destroyed
+    std::function<void()> atItsEnd;  ///< called by the destructor
+    static std::atomic<int> alive;   ///< servers that are not destroyed
 
 private:
     TestServer() { ++alive; }
-    ~TestServer() override { --alive; }
+    ~TestServer() override {
+        if (atItsEnd) atItsEnd();
+        --alive;
+    }
     NodeValue executeOne(const NodeValue& action);
 
     CallerIdField callerId_;

@@ -186,6 +186,24 @@ TEST_F(Stopping, ReleasesTheServerWhenTheLastRequestEnds) {
     EXPECT_TRUE(waitUntil([&] { return TestServer::alive == before; }));
 }
 
+TEST_F(Stopping, IsNotOverBeforeTheServerIsGone) {
+    TestService service("Other");
+    service.add("other/node", 1);
+    std::atomic<bool> held{true};
+    service.server().atItsEnd = [&] { EXPECT_TRUE(waitUntil([&] { return !held; })); };
+    Client client("other/node");
+    client.send(executeCall({"PLAIN"}));
+    ASSERT_TRUE(waitUntil([&] { return service.server().waiting == 1; }));
+    const int alive = TestServer::alive;
+    service.forgetServer();
+    service.base().stop();
+    // The request's thread has the last reference, and is not through with it.
+    EXPECT_FALSE(service.base().wait(300));
+    held = false;
+    EXPECT_TRUE(service.base().wait(0xFFFFFFFFu));
+    EXPECT_EQ(TestServer::alive, alive - 1);
+}
+
 TEST_F(Stopping, TwiceIsOnce) {
     EXPECT_TRUE(service_.stop());
     EXPECT_TRUE(service_.stop());
