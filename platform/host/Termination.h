@@ -51,7 +51,7 @@ private:
     std::condition_variable loopEnded_;
     std::optional<pthread_t> signalLoop_ GUARDED_BY(mutex_);  // set while the thread is in signalLoop()
     std::function<bool()> deliver_ GUARDED_BY(mutex_);
-    std::optional<Clock::time_point> patienceEnds_ GUARDED_BY(mutex_);  // set once, at the first failed delivery
+    std::optional<Clock::time_point> patienceEnds_ GUARDED_BY(mutex_);  // set at a failed delivery until it is over
     bool leaving_ GUARDED_BY(mutex_) = false;
     bool pending_ GUARDED_BY(mutex_) = false;
     bool delivered_ GUARDED_BY(mutex_) = false;

@@ -48,8 +48,9 @@ private:
 
 namespace Services::Nodes {
 
-/// Delivers SIGTERM and SIGINT to the service as a client's call would be: executes `action` on the node `name`, once
-/// it is published. Calls on that node are served however many others are in progress. Called once, before any service.
+/// Delivers SIGTERM, SIGINT and SIGHUP to the service as a client's call would be: executes `action` on the node
+/// `name`, once it is published, or left out since something else stands in its place. Calls on that node are served
+/// however many others are in progress. Called once, before any service.
 void requestOnTermination(const Ref<String>& name, const Ref<String>& action);
 
 /// Whether a text can be one folder's name in the tree: 1 to 255 bytes, not "." or "..", no slash, no control

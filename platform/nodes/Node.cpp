@@ -47,7 +47,7 @@ bool Node::open() {
 void Node::withdraw(bool stopped) {
     if (!unlinked_.exchange(true)) {
         service_->tree().withdraw(name_->view(), inode_);
-        if (urgent_) Termination::withdrawn(*this);
+        if (urgent_) Termination::ended(*service_);
     }
     std::vector<Ref<Connection>> connections;
     {

@@ -70,9 +70,18 @@ NodeService::~NodeService() {
 Ref<Node> NodeService::publish(const Ref<String>& name, std::uint64_t id) {
     constexpr mode_t kMode = 0660;
     constexpr mode_t kOwnOnly = 0600;
+    const bool urgent = Termination::isTarget(viewOf(name));
+    Ref<Node> node = makeNode(name, id, urgent ? kOwnOnly : kMode);
+    if (urgent) {
+        Termination::served(*this, id);
+        if (stopped_) Termination::ended(*this);  // stop() may have told it before
+    }
+    return node;
+}
+
+Ref<Node> NodeService::makeNode(const Ref<String>& name, std::uint64_t id, mode_t mode) {
     std::string reason;
-    std::optional<Tree::Socket> socket =
-        tree_->publish(viewOf(name), Termination::isTarget(viewOf(name)) ? kOwnOnly : kMode, reason);
+    std::optional<Tree::Socket> socket = tree_->publish(viewOf(name), mode, reason);
     if (!socket) {
         LogRecord(kLogDegraded, logHandle()) << "Node left out: " << name << ": " << reason;
         return nullptr;
@@ -91,7 +100,6 @@ Ref<Node> NodeService::publish(const Ref<String>& name, std::uint64_t id) {
         node->withdraw(true);
         return nullptr;
     }
-    if (node->urgent()) Termination::published(*node);
     return node;
 }
 
@@ -112,6 +120,7 @@ void NodeService::stop() {
         for (const auto& [address, node] : nodes_) nodes.push_back(node);
     }
     for (const Ref<Node>& node : nodes) node->withdraw(true);
+    Termination::ended(*this);  // also where its node was left out
     tree_->close();
     Ref<NodeService> self;  // the registry's reference, given back at the end
     {

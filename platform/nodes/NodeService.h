@@ -69,6 +69,7 @@ private:
                 std::unique_ptr<Tree> tree);
     ~NodeService() override;
 
+    Ref<Node> makeNode(const Ref<String>& name, std::uint64_t id, mode_t mode);
     bool beginUse() noexcept;
     bool endUse() noexcept;
     void releaseServer();

@@ -4,7 +4,7 @@
 
 #include "platform/host/Proc.h"
 #include "platform/nodes/DeviceNode.h"
-#include "platform/nodes/Node.h"
+#include "platform/nodes/NodeService.h"
 
 namespace Services::Nodes {
 
@@ -15,7 +15,8 @@ struct Target {
     Mutex lock;
     Ref<String> name GUARDED_BY(lock);
     Ref<String> action GUARDED_BY(lock);
-    Ref<Node> node GUARDED_BY(lock);
+    Ref<NodeService> service GUARDED_BY(lock);
+    std::uint64_t id GUARDED_BY(lock) = 0;
     bool ended GUARDED_BY(lock) = false;  // it was there and is withdrawn: the service is ending anyway
 };
 
@@ -24,20 +25,22 @@ Target& target() {
     return only;
 }
 
-/// Executes the action as a client's call would. False when the node is not published so far.
+/// Executes the action as a client's call would. False when the node is not served so far.
 bool deliver() {
     Target& shared = target();
-    Ref<Node> node;
+    Ref<NodeService> service;
+    std::uint64_t id = 0;
     Ref<String> action;
     {
         const Lock lock(shared.lock);
-        if (!shared.node) return shared.ended;
-        node = shared.node;
+        if (!shared.service) return shared.ended;
+        service = shared.service;
+        id = shared.id;
         action = shared.action;
     }
-    const NodeService::Use use(node->service());
+    const NodeService::Use use(*service);
     if (!use.granted()) return true;
-    use.caller().setCallerId(node->id());
+    use.caller().setCallerId(id);
     NodeValue request;
     request.name = action;
     use.server().execute({request});
@@ -52,22 +55,25 @@ bool Termination::isTarget(std::string_view name) {
     return shared.name && shared.name->equals(name);
 }
 
-void Termination::published(Node& node) {
+void Termination::served(NodeService& service, std::uint64_t id) {
+    Ref<NodeService> before;  // given back after the lock
     Target& shared = target();
     {
         const Lock lock(shared.lock);
-        shared.node = &node;
+        before.swap(shared.service);
+        shared.service.reset(&service);
+        shared.id = id;
         shared.ended = false;
     }
     Proc::deliverTermination();
 }
 
-void Termination::withdrawn(Node& node) {
-    Ref<Node> gone;  // given back after the lock
+void Termination::ended(const NodeService& service) {
+    Ref<NodeService> gone;  // given back after the lock
     Target& shared = target();
     const Lock lock(shared.lock);
-    if (shared.node != &node) return;
-    gone.swap(shared.node);
+    if (shared.service != &service) return;
+    gone.swap(shared.service);
     shared.ended = true;
 }
 

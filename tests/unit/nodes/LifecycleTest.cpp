@@ -389,5 +389,20 @@ TEST_F(Processes, TerminationIsExecutedOnThePublishedNode) {
     }
 }
 
+TEST_F(Processes, TerminationIsExecutedThoughSomethingElseIsInTheNodesPlace) {
+    std::filesystem::create_directories(pathOf("a/service"));
+    for (const bool before : {true, false}) {
+        Child child({"terminate", "a/service", "STOP"});
+        ASSERT_EQ(child.line(), "started");
+        if (before) child.signal(SIGTERM);
+        child.write("x");
+        EXPECT_EQ(child.line(), "ready");
+        if (!before) child.signal(SIGTERM);
+        EXPECT_EQ(child.line(), "executed");
+        EXPECT_EQ(child.end(), 0);
+        EXPECT_EQ(contents(), (Names{"a/", "a/service/"}));
+    }
+}
+
 }  // namespace
 }  // namespace NodesTest
