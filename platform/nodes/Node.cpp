@@ -157,8 +157,9 @@ void Node::admit(Fd socket) {
     if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return endStream(std::move(socket));
     Admission& admission = service_->engine().admission();
     if (const char* limit = admission.addConnection(client.uid)) {
-        LogRecord(kLogDegraded, logHandle())
-            << "Connection refused: " << name_ << ": " << limit << ", user " << std::to_string(client.uid);
+        LogRecord record(kLogDegraded, logHandle());
+        record << "Connection refused: " << name_ << ": " << limit << ", user ";
+        record.number(client.uid);
         return endStream(std::move(socket));
     }
     const Ref<Connection> connection(new Connection(this, client.uid, std::move(socket)));

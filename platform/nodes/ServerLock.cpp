@@ -7,18 +7,23 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <system_error>
+
+#include "platform/host/LogLine.h"
 
 namespace Services::Nodes {
 
 namespace {
 
-/// The process id in the file, as text; empty when there is none.
-std::string readHolder(int file) {
+/// The process id in the file, 0 when there is none.
+std::uint64_t readHolder(int file) {
     std::array<char, 16> text{};
     const ssize_t size = pread(file, text.data(), text.size(), 0);
-    const std::string_view read(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-    return std::string(read.substr(0, read.find_first_not_of("0123456789")));
+    std::uint64_t process = 0;
+    if (size > 0) std::from_chars(text.data(), text.data() + size, process);
+    return process;
 }
 
 }  // namespace
@@ -47,8 +52,8 @@ std::optional<ServerLock> ServerLock::take(int root, std::string_view server, st
             reason = std::system_category().message(errno);
             return {};
         }
-        const std::string holder = readHolder(file.get());
-        reason = holder.empty() ? "served by another process" : "served by process " + holder;
+        const std::uint64_t holder = readHolder(file.get());
+        reason = holder == 0 ? "served by another process" : "served by process " + LogLine::number(holder);
         return {};
     }
     fchmod(file.get(), kMode);  // the umask may have taken bits, and a file that was left may have others

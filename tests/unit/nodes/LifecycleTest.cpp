@@ -4,6 +4,7 @@
 #include <random>
 #include <thread>
 
+#include "platform/host/LogLine.h"
 #include "tests/unit/nodes/Child.h"
 #include "tests/unit/nodes/Client.h"
 #include "tests/unit/nodes/Fixture.h"
@@ -285,7 +286,7 @@ TEST_F(Processes, ASecondOneIsRefusedAndTheFirstIsNotDisturbed) {
     EXPECT_EQ(second.wait(), 1);
     ASSERT_EQ(second.records().size(), 1u);
     const std::string expected = "Nodes: Could not serve Server, " + root() + "/.Server.lock: served by process " +
-                                 std::to_string(first.process());
+                                 LogLine::number(static_cast<std::uint64_t>(first.process()));
     EXPECT_TRUE(second.records()[0].starts_with("[4] ")) << second.records()[0];
     EXPECT_TRUE(second.records()[0].ends_with(expected)) << second.records()[0];
     EXPECT_EQ(contents(), before);
