@@ -18,5 +18,4 @@
 #define TRY_ACQUIRE(...) BTN_TSA(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) BTN_TSA(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) BTN_TSA(locks_excluded(__VA_ARGS__))
-#define RETURN_CAPABILITY(x) BTN_TSA(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS BTN_TSA(no_thread_safety_analysis)

@@ -87,7 +87,7 @@ JsonReader::Token JsonReader::next() {
     if (at_ == text_.size()) return fail();
 
     const char c = text_[at_];
-    if (expect_ != Expect::Value && expect_ != Expect::Key) {  // the open object or array may end here
+    if (expect_ != Expect::Value) {  // the open object or array may end here
         const bool object = levels_.back() != kArray;
         if (c == (object ? '}' : ']')) return close();
         if (expect_ == Expect::CommaOrEnd) {
@@ -98,7 +98,7 @@ JsonReader::Token JsonReader::next() {
         }
         return object ? readKey() : readValue();
     }
-    return expect_ == Expect::Key ? readKey() : readValue();
+    return readValue();
 }
 
 bool JsonReader::skip(Token token) {

@@ -47,7 +47,7 @@ public:
     std::size_t end() const noexcept { return at_; }
 
 private:
-    enum class Expect : std::uint8_t { Value, ValueOrEnd, Key, KeyOrEnd, CommaOrEnd, Nothing };
+    enum class Expect : std::uint8_t { Value, ValueOrEnd, KeyOrEnd, CommaOrEnd, Nothing };
 
     Token fail() noexcept;
     Token readValue();
