@@ -121,7 +121,7 @@ private:
     Mutex threadsLock_;
     std::condition_variable_any threadEnded_;
     int alive_ GUARDED_BY(threadsLock_) = 0;
-    unsigned started_ GUARDED_BY(threadsLock_) = 0;
+    unsigned named_ GUARDED_BY(threadsLock_) = 0;  // threads that have their names
     std::vector<pthread_t> ended_ GUARDED_BY(threadsLock_);
 
     Mutex reserveLock_;

@@ -23,7 +23,6 @@ bool Engine::startThread() {
         const Lock lock(threadsLock_);
         ended.swap(ended_);
         ++alive_;
-        ++started_;
     }
     for (const pthread_t thread : ended) pthread_join(thread, nullptr);
 
@@ -61,7 +60,7 @@ void Engine::work() {
     const auto worker = std::make_unique<Worker>();
     {
         const Lock lock(threadsLock_);
-        SysLog::thdName(String::create("Node" + std::string(StrConv::str(started_)->view())));
+        SysLog::thdName(String::create("Node" + std::string(StrConv::str(++named_)->view())));
     }
     constexpr int kNoLimit = -1;
     int timeout = static_cast<int>(Limits::kIdleThread.count());
