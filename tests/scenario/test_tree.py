@@ -2,12 +2,16 @@
 
 import os
 import shutil
+import signal
 import socket
 import stat
+import subprocess
 
 import pytest
 
 from harness import varlink
+from harness.bluez import hold
+from harness.inotify import CREATE, DELETE, IS_DIR, MOVED_TO, Watch
 from harness.process import BIN, bluetooth_group
 from harness.varlink import Closed
 
@@ -80,6 +84,51 @@ def test_with_a_bluetooth_group_nodes_belong_to_it(bluez, start, folder):
     service = start(prefix=["unshare", "-m", "sh", "-c", 'mount --bind "$0" /etc/group && exec "$@"', groups])
     assert os.lstat(service.adapter_node()).st_gid == 4711
     assert os.lstat(service.node("master")).st_gid == 4711
+
+
+@AS_ROOT
+def test_a_group_with_thousands_of_members_is_found_too(bluez, start, folder):
+    groups = folder / "group"
+    members = ",".join(f"member{number:05}" for number in range(10_000))
+    groups.write_text(f"root:x:0:\nbluetooth:x:4711:{members}\n")
+    bluez.set_adapter()
+    service = start(prefix=["unshare", "-m", "sh", "-c", 'mount --bind "$0" /etc/group && exec "$@"', groups])
+    assert os.lstat(service.adapter_node()).st_gid == 4711
+
+
+@AS_ROOT
+def test_anybody_can_go_through_the_tree_and_nobody_else_can_lock_it(bluez, start, open_folder):
+    bluez.set_adapter()
+    bluez.set_device()
+    service = start()
+    found = subprocess.run(["find", service.root, "-type", "s"], user="nobody", group="nogroup", extra_groups=[],
+                           capture_output=True, text=True)
+    assert (found.returncode, found.stderr) == (0, "")
+    assert sorted(found.stdout.splitlines()) == [str(service.node(name)) for name in service.nodes()]
+    for name in ("LinuxBTAdapters", "LinuxBTDevices", "LinuxBTService"):
+        locked = subprocess.run(["flock", "--nonblock", service.root / f".{name}.lock", "true"], user="nobody",
+                                group="nogroup", extra_groups=[], capture_output=True, text=True)
+        assert "Permission denied" in locked.stderr and locked.returncode != 0
+
+
+def test_what_comes_and_goes_is_told_by_inotify(bluez, start):
+    """A node comes by a move, ready as it is; a folder is made."""
+    first = bluez.set_device("00:11:22:33:44:01")
+    service = start()
+    with Watch(service.node("devices")) as devices, Watch(service.node("devices/00:11:22:33:44:01")) as folder:
+        bluez.remove(first)
+        assert folder.next() == (DELETE, "device")
+        assert devices.next() == (DELETE | IS_DIR, "00:11:22:33:44:01")
+    bluez.set_device("00:11:22:33:44:02", announce=True)
+    service.wait_node(service.device_node("00:11:22:33:44:02"))
+    with Watch(service.node("devices")) as devices:
+        os.mkdir(service.node("devices/00:11:22:33:44:03"))
+        assert devices.next() == (CREATE | IS_DIR, "00:11:22:33:44:03")
+        with Watch(service.node("devices/00:11:22:33:44:03")) as folder:
+            bluez.set_device("00:11:22:33:44:03", announce=True)
+            assert folder.next() == (MOVED_TO, "device")
+            with service.device("00:11:22:33:44:03") as client:
+                assert client.value("ADDRESS") == "00:11:22:33:44:03"
 
 
 def test_missing_parents_of_the_root_are_made(bluez, start, folder):
@@ -216,6 +265,20 @@ def test_what_is_no_socket_of_ours_stays_and_the_node_is_left_out(bluez, launch,
         assert target.read_text() == "mine"
     elif kind == "dangling link":
         assert not target.exists()
+
+
+def test_a_signal_ends_the_service_at_once_though_its_own_node_was_left_out(bluez, launch, root):
+    """Also while the dispatch thread waits for BlueZ."""
+    (root / "bluetooth").mkdir(parents=True)
+    (root / "bluetooth/service").write_text("mine")
+    service = launch().wait_ready()
+    bluez.answer("Get", hold)
+    bluez.set_adapter(announce=True)
+    bluez.wait_call("Get")
+    service.send_signal(signal.SIGTERM)
+    assert service.wait(limit=1) == 0
+    assert "Service terminate requested" in service.texts()
+    assert (root / "bluetooth/service").read_text() == "mine"
 
 
 def test_a_link_in_the_place_of_a_folder_is_not_followed(bluez, launch, root, folder):
