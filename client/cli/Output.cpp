@@ -56,8 +56,9 @@ bool Output::flush() {
             left.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno == EAGAIN) {
             // Whoever gave us the descriptor made it non-blocking.
-            pollfd entry{fd_, POLLOUT, 0};
-            ::poll(&entry, 1, -1);
+            if (waitFor(fd_, POLLOUT, {Limit::Clock::time_point::max(), cancellation_}) == Ready::Interrupted) {
+                failure_ = EINTR;
+            }
         } else if (errno != EINTR || (cancellation_ != nullptr && cancellation_->raised())) {
             failure_ = errno;
         }

@@ -165,6 +165,18 @@ TEST_F(ProcessTest, ABrokenPipeEndsQuietly) {
     EXPECT_EQ(readUntil(err_.reader, ""), "");
 }
 
+TEST_F(ProcessTest, ASignalEndsAnOutputThatCannotGoOn) {
+    ASSERT_EQ(::fcntl(out_.writer, F_SETFL, O_NONBLOCK), 0);
+    const std::string page(4096, 'x');
+    while (::write(out_.writer, page.data(), page.size()) > 0) {
+    }
+    Process scan(here({"scan", "--json"}), out_.writer, err_.writer);
+    ASSERT_TRUE(master().waitForAction("INQUIRY_START"));
+    scan.signal(SIGINT);
+    EXPECT_EQ(scan.wait(), 130);
+    EXPECT_EQ(master().executed(), (Words{"INQUIRY_START", "INQUIRY_STOP"}));
+}
+
 TEST_F(ProcessTest, AnOutputThatCannotBeWrittenIsAFailure) {
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     Process list(here({"list"}), full, err_.writer);
