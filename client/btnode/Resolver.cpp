@@ -213,8 +213,7 @@ Result<NodeName> resolve(const Tree& tree, std::string_view text, Wanted wanted,
 
     const std::vector<Error> errors = readAliases(tree, candidates, limit);
     const auto byAlias = select(candidates, [&](const Candidate& each) {
-        return each.alias == text ||
-               (text.find(':') != std::string_view::npos && startsIgnoringCase(each.node.address, text));
+        return each.alias == text || startsIgnoringCase(each.node.address, text);
     });
     if (!byAlias.empty()) return decide(text, byAlias);
     const auto byBeginning = select(candidates, [&](const Candidate& each) {

@@ -261,6 +261,7 @@ protected:
         fake_.publishDevice("77:00:00:00:00:01", "Twin");
         fake_.publishDevice("77:00:00:00:00:02", "Twin");
         fake_.publishDevice("AB:CD:00:00:00:01", "77:00");
+        fake_.publishDevice("AC:CD:00:00:00:01", "77");
     }
 
     std::string found(const std::string& text, Wanted wanted = Wanted::Any) {
@@ -321,6 +322,7 @@ TEST_F(ResolverTest, ListsTheCandidatesOfAnAmbiguousName) {
 
 TEST_F(ResolverTest, ANameThatPosesAsAnAddressDecidesNothing) {
     EXPECT_EQ(found("77:00"), "ambiguous");
+    EXPECT_EQ(found("77"), "ambiguous");
 }
 
 TEST_F(ResolverTest, LooksOnlyAmongTheKindThatIsWanted) {
