@@ -86,9 +86,15 @@ Result<Value> fromJson(const json::value& source) {
     if (kindText == "none") return value;
     if (kindText == "integer") {
         const json::value* integer = member(*object, "integer");
-        if (integer == nullptr || !integer->is_int64()) return protocolError("an integer value has no integer");
         value.kind = Value::Kind::Integer;
-        value.integer = integer->get_int64();
+        if (integer != nullptr && integer->is_int64()) {
+            value.integer = integer->get_int64();
+        } else if (integer != nullptr && integer->is_uint64()) {
+            // The parser's type for what is above 2^63-1.
+            value.integer = static_cast<std::int64_t>(integer->get_uint64());
+        } else {
+            return protocolError("an integer value has no integer");
+        }
         return value;
     }
     if (kindText == "string") {

@@ -13,6 +13,7 @@ struct Value {
 
     std::optional<std::string> name = {};
     Kind kind = Kind::None;
+    /// 64 bits; a service writes them as a number from 0 to 2^64-1, so what it wrote above 2^63-1 is negative here.
     std::int64_t integer = 0;
     std::string text = {};
     std::vector<Value> children = {};

@@ -60,7 +60,7 @@ std::string prettyJson(const json::value& value) {
 json::value payloadJson(const Value& value) {
     switch (value.kind) {
         case Value::Kind::Integer:
-            return value.integer;
+            return static_cast<std::uint64_t>(value.integer);
         case Value::Kind::String:
             return json::value(value.text);
         case Value::Kind::List: {

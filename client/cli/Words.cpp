@@ -43,7 +43,7 @@ Outcome ofCode(const std::string& action, std::int64_t code) {
 std::string text(const Value& value, bool names) {
     switch (value.kind) {
         case Value::Kind::Integer:
-            return std::to_string(value.integer);
+            return std::to_string(static_cast<std::uint64_t>(value.integer));
         case Value::Kind::String:
             return value.text;
         case Value::Kind::List: {

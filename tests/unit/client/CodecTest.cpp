@@ -44,6 +44,15 @@ TEST(Codec, CarriesIntegersInFull) {
     }
 }
 
+TEST(Codec, ReadsIntegersAsAServiceWritesThem) {
+    EXPECT_EQ(decoded(R"([{"kind":"integer","integer":18446744073709551615}])"),
+              std::vector{Value::of({}, std::int64_t{-1})});
+    EXPECT_EQ(decoded(R"([{"kind":"integer","integer":9223372036854775808}])"),
+              std::vector{Value::of({}, std::numeric_limits<std::int64_t>::min())});
+    EXPECT_EQ(kindOf(R"({"parameters":{"values":[{"kind":"integer","integer":18446744073709551616}]}})"),
+              ErrorKind::Protocol);
+}
+
 TEST(Codec, KeepsAnAbsentNameAndAnEmptyOneApart) {
     const auto values = carried({Value::of({}, std::int64_t{1}), Value::of("", std::int64_t{1})});
     EXPECT_EQ(values[0].name, std::nullopt);

@@ -138,6 +138,13 @@ TEST_F(NodeVerbs, GetPrintsBareValuesLineByLine) {
     EXPECT_EQ(value.at("attributes"), (json::value{{"STATUS", 3}, {"NAME", "Keyboard"}}));
 }
 
+TEST_F(NodeVerbs, GetPrintsIntegersAsTheServiceWritesThem) {
+    keyboard().set("STATUS", {{"name", "STATUS"}, {"kind", "integer"}, {"integer", UINT64_MAX}});
+    EXPECT_EQ(run({"get", "Keyboard", "STATUS"}).out, "18446744073709551615\n");
+    const json::value value = object(run({"get", "Keyboard", "STATUS", "--json"}).out);
+    EXPECT_EQ(value.at("attributes"), (json::value{{"STATUS", UINT64_MAX}}));
+}
+
 TEST_F(NodeVerbs, GetOfManyAttributesAtOnce) {
     Words words = {"get", "Keyboard"};
     words.resize(200, "STATUS");
