@@ -32,8 +32,8 @@ class Service;
 ///   wakes them too but does not change the state; nothing is outstanding then, so that later waits end at once.
 /// - Paired: nothing is outstanding. Who waited is woken once the profiles were read.
 /// - Unpairing: a paired device that was asked to unpair. Nothing is outstanding and BlueZ was not told; the device
-///   stays so until BlueZ removes it, and who waits meanwhile waits for that or for the time-out. When BlueZ has removed
-///   it before, which a request that still holds it may find, waits end at once.
+///   stays so until BlueZ removes it, and who waits meanwhile waits for that or for the time-out. A request that still
+///   holds a removed device does not wait.
 ///
 /// In the three states that wait for BlueZ, its answer is taken exactly once, at the latest when the connection ends,
 /// and wakes whoever waits, whatever becomes of the state. A wait that enters the list and a step that wakes the list

@@ -8,9 +8,11 @@
 
 // The thread rule of the whole program. The main thread starts up and then dispatches: filters, the agent's messages
 // and completions run on it alone. A client's request runs on a thread of the node framework and may wait, for the bus,
-// for a monitor, for a pairing. The dispatch thread waits only where a registry adds an object (property reads, the
-// registry's monitor). Every wait of a request ends when its client hangs up or its node service is stopped; every wait
-// of the dispatch thread inside run() ends when a stop is requested. No lock is held over a callback.
+// for a monitor, for a pairing. The dispatch thread waits where a registry adds or removes an object (property reads,
+// match rules, the registry's monitor), where a device has been paired (its profiles, and the lock of their list), and
+// between tries to cancel a pairing. Every wait of a request ends when its client hangs up or its node service is
+// stopped; every wait of the dispatch thread inside run() ends when a stop is requested, but for monitors that others
+// hold for a few instructions only. No lock is held over a callback.
 
 namespace Services::Bluetooth::Linux {
 
