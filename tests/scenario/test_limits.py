@@ -324,8 +324,10 @@ def test_requests_being_served(bluez, start, more_descriptors):
         made[1] = service.device()
         made[1].send_execute(action("WAIT_CONNECTED"))
         wait_until(refused, "Busy again")
+        began = time.monotonic()
         assert control.do("STOP") == 0, "STOP is never refused"
         assert service.wait() == 0
+        assert time.monotonic() - began < stretched(1.2), "the process ends within a second whatever waits"
         assert pair.message
         for client in made[:SERVED]:
             client.expect_closed()
