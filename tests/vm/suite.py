@@ -1,10 +1,16 @@
 #!/usr/bin/python3
-"""Runs the scenarios on one world: suite.py WORLD OUT [SCENARIO...]. Ends with a line `N passed, N failed`."""
+"""Runs the scenarios on one world: suite.py WORLD OUT [SCENARIO...]. Ends with a line `N passed, N failed`.
 
+suite.py list WORLD [SCENARIO...] only prints the names of those that can run on it, one a line.
+"""
+
+import array
+import fcntl
 import json
 import pathlib
 import sys
 import tempfile
+import termios
 import time
 import traceback
 
@@ -12,65 +18,98 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import worlds  # noqa: E402
 from harness.process import Service  # noqa: E402
+from harness.waiting import wait_until  # noqa: E402
 from scenarios import SCENARIOS  # noqa: E402
 
 
-def run(name, function, world, out):
-    """Runs one scenario; gives None, or what went wrong."""
-    services = []
+class SuiteService(Service):
+    """The service, with what the suite wants to know of it."""
 
-    def start(limit=20):
-        root = tempfile.mkdtemp(prefix="nodes-")
-        service = worlds.SuiteService(world.bus.address, root)
-        services.append(service)
-        return service.wait_ready(limit)
+    def wait_waiting(self, client):
+        """Returns when the service has read what the client sent."""
+        unread = array.array("i", [0])
 
-    problem = None
-    world.begin()
-    try:
-        function(world, start)
-    except Exception:  # pylint: disable=broad-except
-        problem = traceback.format_exc()
-    for service in services:
+        def taken():
+            fcntl.ioctl(client.socket.fileno(), termios.TIOCOUTQ, unread)
+            return unread[0] == 0
+
+        wait_until(taken, "the service to read the call")
+
+
+class Run:
+    """One scenario: a BlueZ of its own, any number of services."""
+
+    def __init__(self, name, world, out):
+        self.name = name
+        self._world = world
+        self._out = out
+        self._services = []
+        self._problems = []
+        self._folder = tempfile.TemporaryDirectory(prefix="nodes-", ignore_cleanup_errors=True)
+
+    def start(self):
+        """Starts a service and gives it when it is ready."""
+        root = tempfile.mkdtemp(dir=self._folder.name)
+        service = SuiteService(self._world.bus.address, root)
+        self._services.append(service)
+        return service.wait_ready(limit=20)
+
+    def _attempt(self, function, *arguments):
         try:
-            service.end()
-            service.check_clean()
+            return function(*arguments)
         except Exception:  # pylint: disable=broad-except
-            problem = (problem or "") + traceback.format_exc()
-        with open(out / "service.log", "a", encoding="utf-8") as log:
-            log.write(f"=== {name}\n{service.output()}\n{service.errors}")
-    calls = world.service_calls()
-    with open(out / "calls.json", "a", encoding="utf-8") as log:
-        log.write(json.dumps({"scenario": name, "calls": calls}) + "\n")
-    if problem is not None:
-        world.recover()
-        for service in services:
-            problem += f"--- log of the service\n{service.output()}\n{service.errors}\n"
-        problem += "--- bus calls of the service\n" + "\n".join(" ".join(call) for call in calls)
-    return problem
+            self._problems.append(traceback.format_exc())
+            return None
+
+    def go(self, function):
+        """Runs it and writes the logs; gives what went wrong, nothing when all was well."""
+        self._world.begin()
+        self._attempt(function, self._world, self.start)
+        for service in self._services:
+            self._attempt(service.end)
+            self._attempt(service.check_clean)
+        calls = self._attempt(self._world.calls) or []
+        services = "".join(f"{service.output()}\n{service.errors}" for service in self._services)
+        self._write("service.log", f"=== {self.name}\n{services}")
+        self._write("bus.log", "\n".join([f"=== {self.name}", *map(str, self._world.messages())]) + "\n")
+        self._write("calls.json", json.dumps({"scenario": self.name, "calls": calls}) + "\n")
+        self._folder.cleanup()
+        if not self._problems:
+            return ""
+        asked = "".join(" ".join(call) + "\n" for call in calls)
+        return "".join(self._problems) + f"--- log of the service\n{services}--- bus calls\n{asked}"
+
+    def _write(self, name, text):
+        with open(self._out / name, "a", encoding="utf-8") as log:
+            log.write(text)
+
+
+def choose(world, names):
+    """The scenarios of these names, or all, that can run on a world."""
+    unknown = [name for name in names if name not in SCENARIOS]
+    if unknown:
+        sys.exit(f"no such scenario: {', '.join(unknown)}; there are:\n  " + "\n  ".join(SCENARIOS))
+    return [name for name in names or SCENARIOS if not SCENARIOS[name][1] or world in SCENARIOS[name][1]]
 
 
 def main():
-    world_name, out = sys.argv[1], pathlib.Path(sys.argv[2])
-    chosen = sys.argv[3:] or list(SCENARIOS)
-    unknown = [name for name in chosen if name not in SCENARIOS]
-    if unknown:
-        sys.exit(f"no such scenario: {', '.join(unknown)}; there are: {', '.join(SCENARIOS)}")
-    world = worlds.make(world_name, out)
+    if sys.argv[1] == "list":
+        print("\n".join(choose(sys.argv[2], sys.argv[3:])))
+        return
+    name, out = sys.argv[1], pathlib.Path(sys.argv[2])
+    chosen = choose(name, sys.argv[3:])
+    out.mkdir(parents=True, exist_ok=True)
+    world = worlds.make(name, out)
     passed = failed = 0
     for name in chosen:
-        function, only = SCENARIOS[name]
-        if only and world.name not in only:
-            continue
         began = time.monotonic()
-        problem = run(name, function, world, out)
-        mark = "ok  " if problem is None else "FAIL"
-        print(f"{mark} {name} ({time.monotonic() - began:.1f} s)", flush=True)
-        if problem is None:
-            passed += 1
-        else:
+        problem = Run(name, world, out).go(SCENARIOS[name][0])
+        print(f"{'FAIL' if problem else 'ok  '} {name} ({time.monotonic() - began:.1f} s)", flush=True)
+        if problem:
             failed += 1
             print(problem, flush=True)
+        else:
+            passed += 1
     world.close()
     print(f"{passed} passed, {failed} failed", flush=True)
     sys.exit(1 if failed else 0)

@@ -10,6 +10,7 @@ import threading
 import time
 
 from jeepney.auth import BEGIN, Authenticator
+from jeepney.fds import FileDescriptor, fds_buf_size
 from jeepney.low_level import Endianness, Header, HeaderFields, Message, MessageFlag, MessageType, Parser
 
 from .waiting import LIMIT, Record, TimedOut, stretched
@@ -191,9 +192,12 @@ class BusError(Exception):
 
 
 class BusConnection:
-    """One connection to the bus with a reading thread; on_call is run on it for each method call that comes."""
+    """One connection to the bus with a reading thread; on_call is run on it for each method call that comes.
 
-    def __init__(self, bus, on_call=None, on_other=None, monitor=False):
+    With unix_fds calls may carry file descriptors; the bus keeps those from any other connection.
+    """
+
+    def __init__(self, bus, on_call=None, on_other=None, monitor=False, unix_fds=False):
         self._on_call = on_call
         self._on_other = on_other
         self._serials = itertools.count(1)
@@ -202,7 +206,7 @@ class BusConnection:
         self._replies = Record()
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._socket.connect(bus.path)
-        authenticator = Authenticator()
+        authenticator = Authenticator(enable_fds=unix_fds)
         for line in authenticator:
             self._socket.sendall(line)
             authenticator.feed(self._socket.recv(1024))
@@ -262,13 +266,14 @@ class BusConnection:
         parser = Parser()
         while True:
             try:
-                data = self._socket.recv(65536)
+                data, ancillary, *_ = self._socket.recvmsg(65536, fds_buf_size())
             except OSError:
                 data = b""
             if not data:
                 self._replies.close()
                 return
-            for message in parser.feed(data):
+            parser.add_data(data, FileDescriptor.from_ancdata(ancillary))
+            while (message := parser.get_next_message()) is not None:
                 call = Call(time.monotonic(), message, self)
                 if call.kind is MessageType.method_call and self._on_call is not None:
                     self._on_call(call)
