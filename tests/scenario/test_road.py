@@ -8,12 +8,24 @@ import subprocess
 
 import pytest
 
-from harness.process import BIN, Process
+from harness.process import BIN, ROOT, Process
 from harness.waiting import stretched, wait_until
 
 KEYBOARD = "5C:F3:70:12:34:01"
 KEYBOARD_PATH = "/org/bluez/hci0/dev_5C_F3_70_12_34_01"
 REFUSED, REJECTED, NOT_FOUND, UNREACHABLE, INTERRUPTED = 7, 8, 3, 5, 130
+
+
+TOUR = """\
+The service has started and published what BlueZ knows
+An inquiry on all adapters; devices become nodes as they are found
+A device, with all that can be read of it
+Pairing with a keyboard: the pincode appears, somebody types it on the keyboard, the pairing is done
+A headset needs no pincode; one of its profiles is activated
+The phone says no
+A pairing that is cancelled while it is under way
+A watch tells when the name of a device changes
+STOP ends the service""".splitlines()
 
 
 @pytest.fixture
@@ -50,10 +62,10 @@ class Programs:
 @pytest.fixture
 def simulate(programs, launch):
     """Starts the simulator with a scenario and the service on it."""
-    def run(scenario):
+    def run(scenario, **kwargs):
         simulator = programs.start("bluez-simulator", "--scenario", scenario)
         simulator.lines.wait(lambda line: line.raw == "ready", "a simulator that is ready")
-        return launch().wait_ready(limit=20)
+        return launch(**kwargs).wait_ready(limit=20)
 
     yield run
     for process in programs.started:
@@ -83,6 +95,19 @@ def test_the_whole_road(simulate, programs):
     programs.btnode("activate", "Travel", "0x110b")
     assert "110b" in programs.btnode("profiles", "Travel")
     programs.btnode("stop")
+    assert service.wait() == 0
+
+
+def test_the_tour(simulate, programs, folder):
+    """What ./run shows, on the programs of the build."""
+    log = folder / "service.log"
+    service = simulate("tour", prefix=["bash", "-c", 'exec "${@:2}" > >(tee "$1")', "bash", log])
+    environment = {**programs.environment, "PATH": f"{BIN}:{os.environ['PATH']}"}
+    tour = subprocess.run([ROOT / "scripts/tour", "simulator", log], env=environment, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=stretched(90),
+                          check=False)
+    assert tour.returncode == 0, tour.stdout
+    assert [line[2:] for line in tour.stdout.splitlines() if line.startswith("# ")] == TOUR, tour.stdout
     assert service.wait() == 0
 
 
