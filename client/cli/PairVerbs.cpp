@@ -144,7 +144,6 @@ private:
             progress(what);
             const Limit step{std::min(Limit::Clock::now() + kProgressStep, limit.until), session_.cancellation};
             how = waitForAny({connection_->fd(), watch_->fd()}, POLLIN, step);
-            if (how == Ready::TimedOut && objectIsGone()) return gone();
             if (how == Ready::Yes &&
                 waitFor(connection_->fd(), POLLIN, Limit::in(std::chrono::milliseconds(0))) != Ready::Yes) {
                 // A change of its name is of no interest; a request in progress would outlive the node's withdrawal.
@@ -157,12 +156,6 @@ private:
         if (!results) return ofDevice(results.error());
         if (results->empty()) return gone();
         return results->front();
-    }
-
-    /// A request in progress keeps the device's node in the tree although BlueZ has removed the device.
-    bool objectIsGone() {
-        const Result<Value> address = read("ADDRESS", Limit::in(kProgressStep, session_.cancellation));
-        return !address && (address.error().kind == ErrorKind::Gone || address.error().kind == ErrorKind::NotFound);
     }
 
     /// Whether the device is gone, or goes now: one that leaves while it is pairing ends the pairing first.

@@ -158,16 +158,6 @@ TEST_F(PairVerb, TellsGoneRatherThanRejectedWhenTheDeviceLeaves) {
     EXPECT_EQ(run({"pair", "Keyboard"}).exitCode(), ExitCode::Gone);
 }
 
-TEST_F(PairVerb, TellsGoneSoonWhenOnlyTheNodeIsLeftOfTheDevice) {
-    answer("CONNECT", pincodeAnswer("1"));
-    answerLater("WAIT_CONNECTED", integerValue("WAIT_CONNECTED", 33859));
-    RunningBtnode pair(here({"pair", "Keyboard"}));
-    ASSERT_TRUE(keyboard().waitForAction("WAIT_CONNECTED"));
-    keyboard().objectGone = true;
-    EXPECT_EQ(pair.wait().exitCode(), ExitCode::Gone);
-    fake_.gate().open();
-}
-
 TEST_F(PairVerb, GoesOnWhenTheDeviceIsRenamedMeanwhile) {
     answerLater("CONNECT", connectAnswer(0));
     RunningBtnode pair(here({"pair", "Keyboard"}));
