@@ -48,7 +48,7 @@ public:
     ExitCode pair() {
         if (!session_.json()) session_.say("Pairing with " + title_ + "; Ctrl-C cancels.");
         Result<Value> answer = ask(withTimeout("CONNECT", time_), "Waiting for the device");
-        if (!answer) return failedToAsk(answer.error(), true);
+        if (!answer) return failedToAsk(answer.error(), asked_);
         const Value* result = answer->child("RESULT");
         const Value* pincode = answer->child("PINCODE");
         if (result == nullptr || result->kind != Value::Kind::Integer) {
@@ -138,6 +138,7 @@ private:
         Result<Node> connected = Node::connect(session_.tree, node_.full, limit);
         if (!connected) return connected.error();
         connection_.emplace(std::move(*connected));
+        asked_ = true;
         if (Result<Done> asked = connection_->askToExecute({action}, limit); !asked) return asked.error();
         Ready how = Ready::TimedOut;
         while (how == Ready::TimedOut && !limit.passed()) {
@@ -288,6 +289,8 @@ private:
     std::string title_;
     std::optional<Node> connection_;
     std::optional<Node> watch_;
+    /// Whether the service may have got a question that takes its time: before that there is nothing to cancel.
+    bool asked_ = false;
     bool progressShown_ = false;
 };
 

@@ -198,7 +198,7 @@ void FakeNode::answer(int fd, const json::object& call) {
     } else if (method == "com.kelvo.node.Watch") {
         // Sent under the lock: no change may overtake the confirmation.
         const std::lock_guard lock(mutex_);
-        sendMessage(fd, {{"parameters", json::object()}, {"continues", true}});
+        if (!watchUnconfirmed) sendMessage(fd, {{"parameters", json::object()}, {"continues", true}});
         watchers_.push_back(fd);
         changed_.notify_all();
         return;

@@ -50,6 +50,8 @@ public:
     std::atomic<bool> objectGone = false;
     /// Takes calls and never answers.
     std::atomic<bool> silent = false;
+    /// Takes a Watch and does not confirm it.
+    std::atomic<bool> watchUnconfirmed = false;
 
     /// Adds the attribute or replaces it.
     void set(const std::string& attribute, json::object value);

@@ -190,6 +190,17 @@ TEST_F(PairVerb, CtrlCCancelsThePairingOverASecondConnection) {
     EXPECT_EQ(keyboard().executed(), (Words{"CONNECT", "DISCONNECT"}));
 }
 
+TEST_F(PairVerb, CtrlCBeforeThePairingHasBegunLeavesThatOfAnotherAlone) {
+    setStatus(2);
+    keyboard().watchUnconfirmed = true;
+    RunningBtnode pair(here({"pair", "Keyboard"}));
+    ASSERT_TRUE(keyboard().waitForWatcher());
+    pair.interrupt();
+    const Ended ended = pair.wait();
+    EXPECT_EQ(ended.exitCode(), ExitCode::Interrupted) << ended.err;
+    EXPECT_EQ(keyboard().executed(), Words{});
+}
+
 TEST_F(PairVerb, CtrlCWhileThePincodeIsTypedCancelsToo) {
     answer("CONNECT", pincodeAnswer("77"));
     answerLater("WAIT_CONNECTED", integerValue("WAIT_CONNECTED", 33859));
