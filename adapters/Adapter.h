@@ -38,6 +38,8 @@ public:
     bool discovering() const noexcept { return discovering_.load(); }
 
 private:
+    friend struct AdapterProbe;
+
     Adapter(const Ref<Service>& service, Ref<String> path, Ref<String> address);
     ~Adapter() override;
 

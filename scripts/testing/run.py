@@ -19,7 +19,7 @@ TSAN = {"TSAN_OPTIONS": f"second_deadlock_stack=1:suppressions={SUPPRESSIONS}/ts
 VALGRIND = {"BTN_WRAPPER": "valgrind --quiet --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds="
                            f"definite --error-exitcode=99 --suppressions={SUPPRESSIONS}/valgrind.supp",
             "BTN_SLOWNESS": "20"}
-FUZZ_SECONDS = 20
+FUZZ_SECONDS = 5
 
 
 class Run:
@@ -72,8 +72,8 @@ def full(run):
     run.leg("tsan: scenarios", lambda: runners.scenarios("tsan", env=TSAN))
     run.leg("clang: build, clang-tidy", lambda: runners.build("clang", "-DBTN_TESTS=OFF"),
             lambda: runners.clang_tidy("clang"))
-    if runners.has_preset("fuzz"):
-        run.leg("fuzzers", lambda: runners.build("fuzz"), lambda: runners.fuzzers("fuzz", FUZZ_SECONDS))
+    run.leg("fuzzers", lambda: runners.build("fuzz", targets=["fuzzers"]),
+            lambda: runners.fuzzers("fuzz", FUZZ_SECONDS, ASAN))
 
 
 def repeat(run, times, name):

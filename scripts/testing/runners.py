@@ -9,6 +9,7 @@ import shlex
 import shutil
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import xml.etree.ElementTree as ElementTree
@@ -214,23 +215,18 @@ def clang_tidy(preset):
     return count
 
 
-def has_preset(name):
-    presets = json.loads((ROOT / "CMakePresets.json").read_text(encoding="utf-8"))
-    return any(preset["name"] == name for preset in presets["configurePresets"])
-
-
-def fuzzers(preset, seconds):
-    """Runs every fuzzer of a build for some seconds, from its corpus where it has one."""
+def fuzzers(preset, seconds, env=None):
+    """Runs every fuzzer of a build for some seconds, from its corpus; the input of a failure is kept in the build."""
     count = Count()
+    findings = BUILD / preset / "findings"
+    findings.mkdir(exist_ok=True)
     for fuzzer in sorted((BUILD / preset / "bin").glob("fuzz-*")):
-        known = ROOT / "tests/fuzz/corpus" / fuzzer.name
-        found = BUILD / preset / "corpus" / fuzzer.name
-        found.mkdir(parents=True, exist_ok=True)
         log = f"{fuzzer.name}.log"
         (LOGS / log).unlink(missing_ok=True)
-        code = run([fuzzer, f"-max_total_time={seconds}", "-timeout=10", "-rss_limit_mb=2048",
-                    f"-artifact_prefix={found}/", found, *([known] if known.is_dir() else [])], log,
-                   limit=seconds + 120)
+        with tempfile.TemporaryDirectory() as new:
+            code = run([fuzzer, f"-max_total_time={seconds}", "-timeout=10", "-rss_limit_mb=2048",
+                        f"-artifact_prefix={findings}/{fuzzer.name}-", new, ROOT / "tests/fuzz/corpus" / fuzzer.name],
+                       log, env=env, limit=seconds + 60)
         if code != 0:
             show_log(log)
         count += FAILED if code else PASSED
