@@ -211,6 +211,7 @@ void BusIo::deliver() {
 
 void BusIo::finish() {
     ::DBusConnection* bus = nullptr;
+    std::vector<DispatchQueue::Item> unanswered;
     {
         // From here on nothing is sent, so libdbus's connection is this thread's alone.
         const MutexLock lock(lock_);
@@ -222,15 +223,14 @@ void BusIo::finish() {
             if (outstanding.replyTo == ReplyTo::WaitingThread) {
                 deliveries_.completed.emplace_back(std::move(outstanding.call), nullptr);
             } else {
-                outstanding.call->drop();
-                deliveries_.queued.push_back({nullptr, std::move(outstanding.call)});
+                unanswered.push_back({nullptr, std::move(outstanding.call)});
             }
         }
         calls_.clear();
         deadlines_.clear();
     }
     deliver();
-    queue_.end();
+    queue_.end(std::move(unanswered));
 
     const auto until = Clock::now() + kFlushLimit;
     int fd = -1;

@@ -95,7 +95,11 @@ MessagePtr DBusConnection::callForRequest(DBusMessage* message, Clock::time_poin
         Errors::set(error, Errors::kTooManyCalls);
         return nullptr;
     }
-    return call(message, deadline, error, std::move(late), std::move(slot));
+    const std::shared_ptr<BusIo> io = io_;  // see call()
+    MessagePtr reply = call(message, deadline, error, std::move(late), std::move(slot));
+    RequestContext* const request = RequestContext::current();
+    if (request && !reply && !io->connected()) request->setLost();
+    return reply;
 }
 
 bool DBusConnection::callAsync(DBusMessage* message, const Ref<DBusPendingCall>& call) {

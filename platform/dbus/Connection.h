@@ -19,7 +19,8 @@ namespace Libraries::Platform::Posix::DBus {
 ///
 /// The end, by close() or by the loss of the bus: first nothing can be sent any more, then every waiting thread is told
 /// at once, then what was queued is dispatched (lost) or dropped (closed). Completions of calls that have no reply by
-/// then do not run, their user data is freed only.
+/// then do not run; their user data is freed by close(), also of a lost connection: nobody is told of the loss by way
+/// of a call before the loop's end tells whoever dispatches.
 class DBusConnection final : public RefCount {
 public:
     using Clock = DBusPendingCall::Clock;

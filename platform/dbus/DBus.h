@@ -77,7 +77,7 @@ void dbus_connection_wakeup(DBusConnection* connection);
 /// Closes the connection, ends its I/O thread, answers every blocking caller (Disconnected). Asynchronous calls that
 /// are still outstanding are dropped: their user data is freed, their function is not called. Sends what was queued
 /// first, which takes 100 ms at most. Any thread; a second call waits for the first and does nothing else. The loss of
-/// the bus does the same, but for what is queued to be dispatched, and the connection is still to be closed.
+/// the bus answers every blocking caller as well; asynchronous calls are dropped when the lost connection is closed.
 void dbus_connection_close(DBusConnection* connection);
 DBusConnection* dbus_connection_ref(DBusConnection* connection);
 void dbus_connection_unref(DBusConnection* connection);

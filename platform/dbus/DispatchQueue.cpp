@@ -1,6 +1,7 @@
 #include "platform/dbus/DispatchQueue.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/host/StrConv.h"
 #include "platform/host/SysLog.h"
@@ -62,9 +63,10 @@ bool DispatchQueue::admit(const Item& item) {
     return true;
 }
 
-void DispatchQueue::end() {
+void DispatchQueue::end(std::vector<Item> unanswered) {
     {
         const MutexLock lock(mutex_);
+        unanswered_ = std::move(unanswered);
         ended_ = true;
     }
     wake_.notify_one();
@@ -124,6 +126,7 @@ bool DispatchQueue::finished() {
 std::deque<DispatchQueue::Item> DispatchQueue::drop() {
     const MutexLock lock(mutex_);
     dropped_ = true;
+    std::move(unanswered_.begin(), unanswered_.end(), std::back_inserter(items_));
     return std::move(items_);
 }
 

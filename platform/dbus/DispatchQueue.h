@@ -32,8 +32,8 @@ public:
 
     /// Appends the items, but for signals past the limit, and empties the vector. Any thread.
     void push(std::vector<Item>& items);
-    /// Nothing is appended any more: the connection is gone. Any thread.
-    void end();
+    /// Nothing is appended any more: the connection is gone. Calls without a reply are kept for drop(). Any thread.
+    void end(std::vector<Item> unanswered);
     /// Ends the current wait of take(), or the next one. Any thread.
     void wakeUp();
 
@@ -45,7 +45,8 @@ public:
     void putBack(Item item);
     /// Ended and empty. Any thread.
     bool finished();
-    /// Drops what is left and what is put back later, after end(); gives what was left. Any thread.
+    /// Drops what is left and what is put back later, after end(); gives what was left and the unanswered calls. Any
+    /// thread.
     std::deque<Item> drop();
 
 private:
@@ -55,6 +56,7 @@ private:
     Mutex mutex_;
     std::condition_variable wake_;
     std::deque<Item> items_ GUARDED_BY(mutex_);
+    std::vector<Item> unanswered_ GUARDED_BY(mutex_);
     std::size_t signalBytes_ GUARDED_BY(mutex_) = 0;  // of the signals in items_
     bool flooded_ GUARDED_BY(mutex_) = false;         // signals were dropped since there was none in items_
     Clock::time_point heldUntil_ GUARDED_BY(mutex_) = Clock::time_point::min();

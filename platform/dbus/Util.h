@@ -35,7 +35,7 @@ bool iterDict(DBusMessageIter* iter, const std::function<bool(DBusMessageIter*)>
 /// Sends a call and has `completion` run once on the dispatch thread when the reply is there or `timeout` milliseconds
 /// have passed (4294967295 and above: no limit); then dbus_pending_call_steal_reply gives null. Takes over the message
 /// in every case. False when it was not sent; then neither function is called. `freeUserData` runs once after the
-/// completion, or alone when the connection ends before, on the dispatch thread or inside dbus_connection_close.
+/// completion, or alone, inside dbus_connection_close, when the connection ends before.
 bool callMethodAsync(DBusConnection* connection, std::uint64_t timeout, DBusMessage* message,
                      DBusPendingCallNotifyFunction completion, void* userData, DBusFreeFunction freeUserData = nullptr);
 

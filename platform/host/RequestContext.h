@@ -20,6 +20,9 @@ public:
     static RequestContext* current() noexcept;
     /// A blocking bus call found no slot: whatever the operation answers, the client is told Busy.
     bool busy() const noexcept { return busy_; }
+    /// A blocking bus call found the bus gone: whatever the operation answers, the client is told nothing.
+    bool lost() const noexcept { return lost_; }
+    void setLost() noexcept { lost_ = true; }
 
     /// Holds a slot for one bus call of the calling thread's request, and moves on with the call when the request
     /// leaves it. Any thread gives it back.
@@ -41,4 +44,5 @@ public:
 private:
     RequestContext* previous_;
     bool busy_ = false;
+    bool lost_ = false;
 };

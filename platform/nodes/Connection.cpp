@@ -100,7 +100,7 @@ void Connection::serve(std::string_view message, Worker& worker) {
 
     lock_.lock();
     serving_ = nullptr;
-    if (!call) {
+    if (!call || outcome == Outcome::Lost) {
         dropWaiting();
         input_ = Input::Broken;
     } else {

@@ -54,7 +54,7 @@ private:
     enum class Input : std::uint8_t {
         Open,
         Ended,   ///< the client sends no more
-        Broken,  ///< the client sent what no call can follow; nothing is read any more
+        Broken,  ///< the client sent what no call can follow, or none can be served; nothing is read any more
     };
     /// The request being served.
     struct Serving {

@@ -59,7 +59,7 @@ private:
     bool granted_ = false;
 };
 
-/// Runs an operation that may call the bus; its values are the reply, unless a bus call found no slot.
+/// Runs an operation that may call the bus; its values are the reply, unless a bus call found no slot or no bus.
 template <class Operation>
 Outcome answerValues(const Service& of, Operation operation) {
     const Place place(of.node);
@@ -67,6 +67,7 @@ Outcome answerValues(const Service& of, Operation operation) {
     std::optional<RequestContext> context;
     if (!of.node.urgent()) context.emplace();
     const TArray<NodeValue> values = operation(of.server());
+    if (context && context->lost()) return Outcome::Lost;
     if (context && context->busy()) return busy(of);
     of.reply().begin().add("values", values).end();
     return Outcome::Answered;

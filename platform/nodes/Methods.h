@@ -13,6 +13,7 @@ struct Worker;
 /// What became of a call.
 enum class Outcome : std::uint8_t {
     Dropped,   ///< it was not begun
+    Lost,      ///< what the server needs for its work is gone, the process ends: no answer, and no further call
     Answered,  ///< the reply is in the worker
     Busy,      ///< as Answered, with an error: a limit on what many clients share
     TooDeep,   ///< as Answered, with an error: values are nested too deep

@@ -136,14 +136,15 @@ TEST_F(Async, OutstandingAtTheCloseIsFreedOnly) {
     }
 }
 
-TEST_F(Async, OutstandingWhenTheBusDiesIsFreedOnlyOnTheDispatchThread) {
+TEST_F(Async, OutstandingWhenTheBusDiesIsFreedOnlyByTheClose) {
     Outcome outcome;
     ASSERT_TRUE(start("Never", kNoLimit, &outcome));
     bus_.kill();
     EXPECT_TRUE(waitUntil([&] { return !DBus::dbus_connection_get_is_connected(connection_); }));
-    EXPECT_EQ(outcome.freed, 0);
     while (DBus::dbus_connection_read_write_dispatch(connection_, 500)) {
     }
+    EXPECT_EQ(outcome.freed, 0);
+    connection_.close();
     EXPECT_EQ(outcome.freed, 1);
     EXPECT_EQ(outcome.completed, 0);
 }

@@ -2,6 +2,7 @@
 #include <random>
 #include <vector>
 
+#include "platform/host/RequestContext.h"
 #include "tests/unit/dbus/Bus.h"
 
 // The end of a connection, by the bus's death or by the close: everybody is told, at once, and nothing is left behind.
@@ -67,10 +68,33 @@ TEST(BusDeath, AThousandTimesWithCallsOutstandingTellsEveryWaiterWithinASecond) 
         ASSERT_TRUE(waitUntil([&] { return dispatcher.ended(); }));
         slow += since(start) >= milliseconds(1000);
         ASSERT_LT(since(start), kAtOnce);
+        connection.close();
         ASSERT_EQ(tally.freed, tally.made);
         ASSERT_LE(tally.completed, tally.made);
     }
     EXPECT_LE(slow, 5);  // a busy machine may stall a few
+}
+
+TEST_F(Loss, IsToldToTheRequestsWhoseCallsItEnds) {
+    bus_.freeze(true);
+    std::thread waiting([&] {
+        const RequestContext request;
+        EXPECT_FALSE(callPeer(connection_, "Answer"));
+        EXPECT_TRUE(request.lost());
+    });
+    bus_.kill();
+    waiting.join();
+    const RequestContext late;
+    EXPECT_FALSE(late.lost());
+    EXPECT_FALSE(callPeer(connection_, "Answer"));
+    EXPECT_TRUE(late.lost());
+}
+
+TEST_F(Loss, IsNotToldToARequestWhoseCallFails) {
+    const RequestContext request;
+    EXPECT_FALSE(callPeer(connection_, "Fail"));
+    EXPECT_FALSE(callPeer(connection_, "Never", 20));
+    EXPECT_FALSE(request.lost());
 }
 
 TEST_F(Loss, OfAFrozenBusEndsItsCalls) {

@@ -49,6 +49,11 @@ protected:
 
     ~PairingWaits() override { failCancels(0); }
 
+    /// Waits until the connection has noticed that the bus is dead.
+    bool waitForLoss() const {
+        return waitUntil([this] { return !DBus::dbus_connection_get_is_connected(service_->connection()); });
+    }
+
     /// So many calls of CancelPairing cannot be sent from now on; -1: none can.
     static void failCancels(int number) { failingCancels = number; }
 
@@ -217,6 +222,8 @@ TEST_F(PairingWaits, ALostBusEndsAllOfThem) {
     ASSERT_TRUE(waitForWaiters(device, 5));
     EXPECT_LT(duration([&] {
                   bus_.kill();
+                  ASSERT_TRUE(waitForLoss());
+                  DBus::dbus_connection_close(service_->connection());
                   EXPECT_EQ(request->answer(), Connected(-1, ""));
                   for (const auto& waiter : waiting) EXPECT_EQ(waiter->answer(), ResultCode::kFailure);
                   EXPECT_EQ(cancel->answer(), ResultCode::kSuccess);
@@ -302,10 +309,11 @@ TEST_F(PairingWaits, TheLossOfTheBusEndsTheTriesToCancel) {
     // The cancel's try comes after the loss, while the state still waits for BlueZ.
     const Ref<PairingAttempt> attempt = DeviceProbe::attempt(*device);
     bus_.kill();
-    ASSERT_TRUE(waitUntil([&] { return !DBus::dbus_connection_get_is_connected(service_->connection()); }));
+    ASSERT_TRUE(waitForLoss());
     EXPECT_LT(duration([&] { DeviceProbe::cancelUntilSent(*device, *attempt); }), kAtOnceMs);
     EXPECT_EQ(log_.count("3 Request cancel pairing failed for " + path_), 1u);
-    EXPECT_TRUE(waitForState(device, State::Unpaired));
+    DBus::dbus_connection_close(service_->connection());
+    EXPECT_EQ(device->getPairingState(), State::Unpaired);
 }
 
 TEST_F(PairingWaits, ClosingTheConnectionAnswersWhoWaits) {

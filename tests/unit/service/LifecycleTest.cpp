@@ -119,9 +119,14 @@ TEST_F(Lifecycle, TheLossOfTheBusEndsBlockedRequests) {
     start();
     NodeClient client(kAdapterNode);
     client.sendExecute("INQUIRY_START");
+    client.sendExecute("INQUIRY_STOP");  // its turn comes after that
     ASSERT_TRUE(bluez_->takeHeld());
     bus_.kill();
     EXPECT_TRUE(service_->waitForEnd());
+    EXPECT_EQ(client.receive(), "") << "closed unanswered";
+    EXPECT_EQ(log_.count("4 /org/bluez/unit0: failed to start/stop discovery: org.freedesktop.DBus.Error.Disconnected, "
+                         "Connection was disconnected before a reply was received"),
+              1u);
 }
 
 TEST_F(Lifecycle, AStopEndsBlockedRequestsAndAnswersItsOwn) {
