@@ -34,6 +34,7 @@ constexpr std::array kSignatures = {
     "s",   "o",    "v",     "b",     "u",    "y",  "n",  "q",     "i",         "x",
     "t",   "d",    "g",     "as",    "ao",   "av", "ay", "a{sv}", "a{sa{sv}}", "a{oa{sa{sv}}}",
     "aas", "(sv)", "a(so)", "a{us}", "a{ss}"};
+constexpr std::string_view kBasicTypes = "suobvg";
 constexpr std::size_t kMostElements = 4;
 // libdbus takes 32 arrays and 32 structures in each other, and the variants of a body add up.
 constexpr unsigned kDeepest = 8;
@@ -167,8 +168,12 @@ Choices Choices::split() {
 }
 
 bool appendBody(Choices& choices, DBusMessageIter* iter, std::string_view likely) {
+    const std::size_t kind = choices.below(4);
     std::string signature(likely);
-    if (choices.byte() & 1U) {
+    if (kind == 2) {
+        signature[choices.below(signature.size())] = kBasicTypes[choices.below(kBasicTypes.size())];
+        if (!::dbus_signature_validate(signature.c_str(), nullptr)) signature = likely;
+    } else if (kind == 3) {
         signature.clear();
         for (std::size_t left = choices.below(kMostElements); left > 0; --left) signature += anyType(choices);
     }

@@ -29,8 +29,8 @@ private:
     std::string_view left_;
 };
 
-/// Appends arguments as BlueZ sends them, or others: `likely` is the signature that the receiver expects, which half
-/// of all bodies have. False when libdbus refuses.
+/// Appends arguments of the signature that the receiver expects, which half of all bodies have, of one that differs
+/// from it in one place, or of any. False when libdbus refuses.
 bool appendBody(Choices& choices, DBusMessageIter* iter, std::string_view likely);
 
 /// Interfaces and members that the service knows, and others.
