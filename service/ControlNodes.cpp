@@ -33,7 +33,7 @@ bool Service::createNodes() {
     namespace Nodes = Services::Nodes;
     const Ref<Nodes::Resolvers::Generic> generic = Nodes::Resolvers::Generic::create(
         Ref<Interfaces::Generic>(this), Ref<CallerID>(this), Nodes::Resolver::create());
-    nodeService_ = Libraries::Service::Single::create(generic, generic, String::create("LinuxBTService"));
+    nodeService_ = Libraries::Service::Single::create(generic, generic, String::create(kServerName));
     if (!nodeService_) return false;
     serviceServer_ = publish("bluetooth/service", *nodeService_, SERVICE_NODE);
     masterServer_ = publish("bluetooth/master", *nodeService_, MASTER_NODE);

@@ -44,6 +44,8 @@ Ref<Service> Service::create() {
         stopAndAwait(adapters->service());
         return nullptr;
     }
+    // The control nodes are started last. When the start fails before that, those of a killed process go all the same.
+    Libraries::Service::Single::clearLeftovers(String::create(kServerName));
 
     DBus::dbus_threads_init_default();
     DBusError error;

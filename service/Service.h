@@ -59,6 +59,8 @@ public:
     std::uint64_t callerId() override { return callerId_.get(); }
 
 private:
+    static constexpr std::string_view kServerName = "LinuxBTService";
+
     Service(DBus::DBusConnection* connection, Ref<Adapters> adapters, Ref<Devices> devices);
     ~Service() override;
 

@@ -21,4 +21,8 @@ Ref<Base> Single::create(Ref<Interfaces::Service> service, Ref<ConMan> conMan, R
     return Services::Nodes::NodeService::start(std::move(service), std::move(conMan), name);
 }
 
+void Single::clearLeftovers(const Ref<String>& name) {
+    Services::Nodes::Tree::clear(viewOf(name));
+}
+
 }  // namespace Libraries::Service

@@ -52,6 +52,9 @@ public:
     /// Null when the tree's root cannot be used or another process serves the name under this root; the log says which,
     /// with the path. Breaks the reference cycle with the server when the service is stopped.
     static Ref<Base> create(Ref<Interfaces::Service> service, Ref<ConMan> conMan, Ref<String> name);
+    /// Takes out of the tree what a killed process left of a service that is to be started later, or not at all. No
+    /// effect when another process serves the name.
+    static void clearLeftovers(const Ref<String>& name);
 };
 
 }  // namespace Libraries::Service

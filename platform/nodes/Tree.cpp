@@ -96,6 +96,15 @@ std::unique_ptr<Tree> Tree::open(std::string_view server) {
     return nullptr;
 }
 
+void Tree::clear(std::string_view server) {
+    const std::string path = rootPath();
+    Fd root = path.empty() ? Fd() : openRoot(path);
+    if (!root) return;
+    std::string reason;
+    std::optional<ServerLock> lock = ServerLock::take(root.get(), server, reason);
+    if (lock) Tree(std::move(root), std::move(*lock), server).prepare(reason);
+}
+
 Tree::Tree(Fd root, ServerLock lock, std::string_view server)
     : root_(std::move(root)), lock_(std::move(lock)), stagingName_("." + std::string(server) + ".new") {}
 

@@ -28,6 +28,8 @@ public:
     /// Takes the lock of `server` under the root and clears what a killed process left. Null after a record of level 4
     /// that has the path.
     static std::unique_ptr<Tree> open(std::string_view server);
+    /// Clears what a killed process left of `server`, without a word; no effect when another process has its lock.
+    static void clear(std::string_view server);
     ~Tree();
 
     struct Socket {

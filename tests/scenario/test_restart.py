@@ -4,6 +4,7 @@ import random
 
 import pytest
 
+from harness.bluez import NOT_READY
 from harness.varlink import Closed, action
 from harness.waiting import wait_until
 
@@ -31,6 +32,25 @@ def test_killed_at_any_moment_the_next_one_has_it_all(bluez, launch):
             client.describe()
     assert service.stop() == 0
     assert not service.node("").exists()
+
+
+@pytest.mark.parametrize("failure", ["no bus", "no BlueZ", "agent refused"])
+def test_a_start_that_fails_leaves_nothing_of_a_killed_one(bus, bluez, start, launch, failure):
+    bluez.set_adapter()
+    bluez.set_device()
+    killed = start()
+    killed.popen.kill()
+    killed.wait()
+    assert killed.node("service").exists()
+    if failure == "no bus":
+        bus.kill()
+    elif failure == "no BlueZ":
+        bluez.close()
+    else:
+        bluez.answer("RegisterAgent", NOT_READY)
+    assert launch().wait() == 1
+    assert not killed.node("").exists()
+    assert not [entry.name for entry in killed.root.iterdir() if not entry.name.endswith(".lock")]
 
 
 def test_clients_of_a_killed_service_are_told_by_the_kernel(bluez, start):
