@@ -30,7 +30,9 @@ protected:
 };
 
 TEST_F(AgentRegistration, NamesTheObjectAndTheCapability) {
+    ::testing::internal::CaptureStderr();
     EXPECT_TRUE(agent_.registerAgent(connection_.get()));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     EXPECT_THAT(calls(), ElementsAre("/org/bluez org.bluez.AgentManager1.RegisterAgent("
                                      "/com/kelvo/bluetooth/service, \"NoInputNoOutput\")"));
     EXPECT_THAT(log_.records(), ElementsAre("1 Authentication agent successfully registered"));
@@ -43,13 +45,17 @@ TEST_F(AgentRegistration, FailsWhenTheObjectPathIsTaken) {
         DBus::dbus_connection_try_register_object_path(connection_.get(), kAgentPath, &table, nullptr, nullptr));
     EXPECT_FALSE(agent_.registerAgent(connection_.get()));
     EXPECT_THAT(calls(), IsEmpty());
-    EXPECT_THAT(log_.records(), ElementsAre(StartsWith("4 Failed to register object: ")));
+    EXPECT_THAT(log_.records(), ElementsAre("4 Failed to register object: A handler is already registered for "
+                                            "/com/kelvo/bluetooth/service"));
 }
 
 TEST_F(AgentRegistration, FailsWithBluezsMessage) {
     bluez_->on(FakeBluez::kAgentManager, "RegisterAgent",
                FakePeer::fails("org.bluez.Error.AlreadyExists", "Already Exists"));
+    ::testing::internal::CaptureStderr();
     EXPECT_FALSE(agent_.registerAgent(connection_.get()));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "arguments to dbus_message_unref() were incorrect, assertion \"message != NULL\" failed\n");
     EXPECT_THAT(log_.records(), ElementsAre("4 Could not register agent: Already Exists"));
 }
 
