@@ -10,9 +10,10 @@
 // and completions run on it alone. A client's request runs on a thread of the node framework and may wait, for the bus,
 // for a monitor, for a pairing. The dispatch thread waits where a registry adds or removes an object (property reads,
 // match rules, the registry's monitor), where a device has been paired (its profiles, and the lock of their list), and
-// between tries to cancel a pairing. Every wait of a request ends when its client hangs up or its node service is
-// stopped; every wait of the dispatch thread inside run() ends when a stop is requested, but for monitors that others
-// hold for a few instructions only. No lock is held over a callback.
+// between tries to cancel a pairing. Every wait of a request ends when its node service is stopped, and every one but
+// that for a plain bus call (a property, the removal of a device: their answers are needed to go on, and come within
+// 25 s) when its client hangs up. Every wait of the dispatch thread inside run() ends when a stop is requested, but for
+// monitors that others hold for a few instructions only. No lock is held over a callback.
 
 namespace Services::Bluetooth::Linux {
 
