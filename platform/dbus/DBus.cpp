@@ -80,11 +80,6 @@ void dbus_connection_close(DBusConnection* connection) {
     connection->close();
 }
 
-DBusConnection* dbus_connection_ref(DBusConnection* connection) {
-    connection->incRef();
-    return connection;
-}
-
 void dbus_connection_unref(DBusConnection* connection) {
     connection->decRef();
 }

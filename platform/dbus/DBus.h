@@ -10,10 +10,11 @@
 
 /// D-Bus as the host gives it to its services: libdbus's names and arguments, safe from any thread.
 ///
-/// One I/O thread per connection is the only thread that ever calls libdbus on it: it sends what is handed to it,
-/// reads, completes calls with deadlines of its own on the monotonic clock, and hands everything else, in order, to the
-/// thread that calls dbus_connection_read_write_dispatch (the dispatch thread). Messages are libdbus's own and may be
-/// built and read on any thread, one thread at a time.
+/// libdbus is called under one lock per connection and never waits. Whoever sends writes what the socket takes; one
+/// I/O thread per connection waits for the socket, writes the rest, reads, completes calls with deadlines of its own on
+/// the monotonic clock, and hands everything else, in order, to the thread that calls
+/// dbus_connection_read_write_dispatch (the dispatch thread). Messages are libdbus's own and may be built and read on
+/// any thread, one thread at a time.
 namespace Libraries::Platform::Posix::DBus {
 
 class DBusConnection;
@@ -79,7 +80,6 @@ void dbus_connection_wakeup(DBusConnection* connection);
 /// first, which takes 100 ms at most. Any thread; a second call waits for the first and does nothing else. The loss of
 /// the bus answers every blocking caller as well; asynchronous calls are dropped when the lost connection is closed.
 void dbus_connection_close(DBusConnection* connection);
-DBusConnection* dbus_connection_ref(DBusConnection* connection);
 void dbus_connection_unref(DBusConnection* connection);
 
 /// Sends a message, without waiting: what the bus does not take at once is queued. The caller keeps its reference.

@@ -10,8 +10,8 @@ namespace Libraries::Platform::Posix::DBus::Util {
 
 /// Reads one property of basic type (Properties.Get) out of its variant into `value`. A string in `value` is valid
 /// until the calling thread's next getPropertyBasic; copy it at once. `timeout` in milliseconds; 4294967295 is the
-/// library's default. False, and `value` untouched, when it cannot be read or is of a container type. `type`, when
-/// given, receives the D-Bus type code of the value.
+/// library's default. False, and `value` untouched, when it cannot be read or is of a container type or a descriptor.
+/// `type`, when given, receives the D-Bus type code of the value.
 bool getPropertyBasic(const Ref<String>& service, const Ref<String>& path, DBusConnection* connection,
                       std::uint64_t timeout, const Ref<String>& interface, const Ref<String>& property,
                       DBusBasicValue* value, int* type = nullptr);

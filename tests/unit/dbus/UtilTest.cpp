@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "tests/unit/dbus/Bus.h"
 
 // The six conveniences: what they read, and that wrong types and failures are results.
@@ -72,6 +74,14 @@ TEST_F(Helpers, LeaveTheValueOfAPropertyThatCannotBeRead) {
     set("List", std::vector<std::string>{"a"});
     EXPECT_FALSE(get("List", &value, &type));
     EXPECT_FALSE(get("Missing", &value, &type));
+    answerGetWith(FakePeer::answers([](DBusMessageIter* iter) {
+        const int descriptor = STDERR_FILENO;
+        DBusMessageIter variant;
+        ::dbus_message_iter_open_container(iter, DBUS_TYPE_VARIANT, DBUS_TYPE_UNIX_FD_AS_STRING, &variant);
+        ::dbus_message_iter_append_basic(&variant, DBUS_TYPE_UNIX_FD, &descriptor);
+        ::dbus_message_iter_close_container(iter, &variant);
+    }));
+    EXPECT_FALSE(get("Descriptor", &value, &type));
     answerGetWith(FakePeer::answers([](DBusMessageIter* iter) { append(iter, "no variant"); }));
     EXPECT_FALSE(get("Any", &value, &type));
     answerGetWith(FakePeer::answers());
