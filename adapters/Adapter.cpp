@@ -15,7 +15,7 @@ namespace {
 constexpr const char* kBluez = "org.bluez";
 constexpr const char* kAdapterInterface = "org.bluez.Adapter1";
 constexpr const char* kNotReady = "org.bluez.Error.NotReady";
-constexpr std::uint64_t kPropertyTimeoutMs = 0xFFFFFFFFu;
+constexpr std::uint64_t kPropertyTimeoutMs = 0xFFFFFFFFu;  // as long as the bus library allows: 25 s
 constexpr int kDefaultTimeout = -1;
 constexpr unsigned kMaxAttempts = 3;
 constexpr std::uint32_t kRetryPauseMs = 2500;
