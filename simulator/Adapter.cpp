@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Simulator {
 
@@ -85,6 +86,7 @@ void Adapter::setPowered(bool isOn) {
     NamedValues changed{{"Powered", Value::boolean(isOn)}};
     if (!isOn) {
         discoverers_.clear();
+        for (const auto& call : std::exchange(suspended_, {})) call.fail(Errors::kNotReady);
         stopInquiry();
         for (Device* device : all()) device->poweredOff();
         changed.emplace_back("Discovering", Value::boolean(false));
@@ -96,18 +98,33 @@ void Adapter::startDiscovery(const Call& call) {
     if (!isPowered()) return call.fail(Errors::kNotReady);
     if (discoverers_.count(call.sender())) return call.fail(Errors::kBusy);
     discoverers_.insert(call.sender());
+    if (isSuspended()) return suspended_.push_back(call);
     call.reply();
     if (discoverers_.size() == 1) inquire();
+}
+
+bool Adapter::isSuspended() const {
+    return std::any_of(devices_.begin(), devices_.end(), [](const auto& device) { return device.second->isPairing(); });
+}
+
+void Adapter::resumeDiscovery() {
+    if (isSuspended()) return;
+    const bool isFirst = suspended_.size() == discoverers_.size() && !suspended_.empty();
+    for (const auto& call : std::exchange(suspended_, {})) call.reply();
+    if (isFirst) inquire();
 }
 
 void Adapter::stopDiscovery(const Call& call) {
     if (!isPowered()) return call.fail(Errors::kNotReady);
     if (!discoverers_.count(call.sender())) return call.fail(Errors::kNoDiscovery);
+    const auto isOfCaller = [&](const Call& pending) { return pending.sender() == call.sender(); };
+    if (std::any_of(suspended_.begin(), suspended_.end(), isOfCaller)) return call.fail(Errors::kBusy);
     call.reply();
     endDiscoveryOf(call.sender());
 }
 
 void Adapter::endDiscoveryOf(const std::string& client) {
+    std::erase_if(suspended_, [&](const Call& call) { return call.sender() == client; });
     if (!discoverers_.erase(client) || !discoverers_.empty()) return;
     stopInquiry();
     for (Device* device : all()) device->unseen();
@@ -135,6 +152,7 @@ void Adapter::removeDevice(const Call& call) {
     if (found == devices_.end()) return call.fail(Errors::kDoesNotExist);
     if (!isPowered()) return call.fail(Errors::kNotReady);
     devices_.erase(found);
+    resumeDiscovery();
     call.reply();
 }
 
@@ -174,11 +192,14 @@ void Adapter::seeDevices() {
 void Adapter::appear(const DevicePlan& plan) {
     const std::string path = pathOf(plan.address);
     const Model& model = *findModel(plan.model);
-    devices_[path] =
-        std::make_unique<Device>(world_, path_, plan, model, [this, path, address = plan.address](bool isOffTheAir) {
+    devices_[path] = std::make_unique<Device>(
+        world_, path_, plan, model,
+        [this, path, address = plan.address](bool isOffTheAir) {
             devices_.erase(path);
             if (isOffTheAir) inRange_.erase(address);
-        });
+            resumeDiscovery();
+        },
+        [this] { resumeDiscovery(); });
 }
 
 bool Adapter::put(const DevicePlan& plan) {
@@ -197,6 +218,7 @@ bool Adapter::take(const std::string& path) {
     const bool wasInRange =
         std::erase_if(inRange_, [&](const auto& inRange) { return pathOf(inRange.first) == path; }) != 0;
     const bool wasThere = devices_.erase(path) != 0;
+    resumeDiscovery();
     return wasInRange || wasThere;
 }
 

@@ -56,6 +56,9 @@ private:
     void getDiscoveryFilters(const Call& call);
     void removeDevice(const Call& call);
     void endDiscoveryOf(const std::string& client);
+    /// While a device pairs discovery is suspended: who asks for one is answered when the pairing has ended.
+    bool isSuspended() const;
+    void resumeDiscovery();
     void inquire();
     void stopInquiry();
     void seeDevices();
@@ -72,6 +75,7 @@ private:
     std::map<std::string, std::unique_ptr<Device>> devices_;  // by path
     std::map<std::string, InRange> inRange_;                  // by address
     std::set<std::string> discoverers_;                       // the clients whose discovery is on
+    std::vector<Call> suspended_;                             // StartDiscovery of some of them
     Timer seeing_;
     Timer powering_;
 };

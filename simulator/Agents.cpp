@@ -60,6 +60,13 @@ void Agents::forgetAll() {
     defaults_.clear();
 }
 
+void Agents::release(const Bus& bus) {
+    for (const auto& [owner, agent] : agents_) {
+        bus.send(bus.newCall(owner, agent.path, "org.bluez.Agent1", "Release"));
+    }
+    forgetAll();
+}
+
 std::optional<Agent> Agents::agentFor(const std::string& owner) const {
     const auto own = agents_.find(owner);
     return own != agents_.end() ? own->second : defaultAgent();

@@ -27,6 +27,8 @@ public:
     static const MethodTable<Agents>& methods();
     void clientGone(const std::string& owner);
     void forgetAll();
+    /// Tells every agent that it is not needed any more, and forgets it.
+    void release(const Bus& bus);
 
     /// The agent of the connection, else the default agent, else none.
     std::optional<Agent> agentFor(const std::string& owner) const;

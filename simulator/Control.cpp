@@ -47,7 +47,8 @@ const MethodTable<Control>& Control::methods() {
             {{"Scenarios", "", "a(ss)", "", "The scenarios"}, &Control::listScenarios},
             {{"Models", "", "a(ss)", "", "The kinds of devices"}, &Control::listModels},
             {{"Tune", "su", "", "WHAT MS",
-              "Set a time: forget-after, type-after, retry-after, agent-timeout or seen-every; 0 is never"},
+              "Set a time: forget-after, type-after, retry-after, hasty-within, agent-timeout or seen-every; 0 is "
+              "never"},
              &Control::tune},
             {{"Flood", "u", "", "RATE", "Tell so many changes of RSSI a second; 0 ends it"}, &Control::flood},
             {{"FloodSent", "", "t", "", "How many of them went out"}, &Control::floodSent},

@@ -189,11 +189,10 @@ void Control::tune(const Call& call) {
     const std::string& what = call.arguments()[0].text();
     const milliseconds time(call.arguments()[1].number());
     Tuning& tuning = world_.tuning;
-    const std::pair<const char*, milliseconds*> times[] = {{"forget-after", &tuning.forgetAfter},
-                                                           {"type-after", &tuning.typeAfter},
-                                                           {"agent-timeout", &tuning.agentTimeout},
-                                                           {"retry-after", &tuning.retryAfter},
-                                                           {"seen-every", &tuning.seenEvery}};
+    const std::pair<const char*, milliseconds*> times[] = {
+        {"forget-after", &tuning.forgetAfter},   {"type-after", &tuning.typeAfter},
+        {"agent-timeout", &tuning.agentTimeout}, {"retry-after", &tuning.retryAfter},
+        {"hasty-within", &tuning.hastyWithin},   {"seen-every", &tuning.seenEvery}};
     for (const auto& [name, place] : times) {
         if (what != name) continue;
         *place = time;

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <string_view>
 
 namespace Simulator {
 
@@ -11,11 +12,22 @@ namespace {
 // Until the kernel tells that the link of a failed pairing is gone.
 constexpr milliseconds kLinkDown{20};
 
+// Services that tell something and that nothing in bluetoothd connects: GAP, GATT, device information, device ID.
+constexpr std::string_view kOnlyListed[] = {
+    "00001800-0000-1000-8000-00805f9b34fb", "00001801-0000-1000-8000-00805f9b34fb",
+    "0000180a-0000-1000-8000-00805f9b34fb", "00001200-0000-1000-8000-00805f9b34fb"};
+
 constexpr const char* kMediaControl1 = "org.bluez.MediaControl1";
 
 std::string pathOf(const std::string& adapterPath, std::string address) {
     std::replace(address.begin(), address.end(), ':', '_');
     return adapterPath + "/dev_" + address;
+}
+
+/// A list among the plan's properties comes before that of the model.
+Value servicesOf(const DevicePlan& plan, const Model& model) {
+    const Value* planned = find(plan.properties, "UUIDs");
+    return planned && planned->signature() == "as" ? *planned : model.services;
 }
 
 /// What bluetoothd tells of a device, in its order.
@@ -57,12 +69,15 @@ std::vector<Property> properties(NamedValues values, const Model& model) {
 
 }  // namespace
 
-Device::Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave)
+Device::Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave,
+               std::function<void()> unbusy)
     : world_(world),
       path_(pathOf(adapterPath, plan.address)),
       model_(model),
+      services_(servicesOf(plan, model)),
       isKnown_(!plan.foundAfter),
-      leave_(std::move(leave)) {
+      leave_(std::move(leave)),
+      unbusy_(std::move(unbusy)) {
     auto values = describe(adapterPath, plan, model);
     if (!isKnown_) {
         values.emplace_back("RSSI", Value::int16(world.newRssi()));
@@ -133,6 +148,7 @@ void Device::cancelPairing(const Call& call) {
 void Device::pairingEnded(const std::optional<Error>& error) {
     const auto ended = std::move(pairing_);
     if (!error) showPaired();
+    unbusy_();
     ended->answer(error);
     forgetAfter(error ? std::min(kLinkDown, world_.tuning.forgetAfter) : world_.tuning.forgetAfter);
 }
@@ -143,7 +159,7 @@ void Device::showPaired() {
     if (model_.icon == "audio-headset") {
         world_.objects.addInterface(path_, {kMediaControl1, {{"Connected", Value::boolean(false), {}}}});
     }
-    tell({{"UUIDs", model_.services}, {"ServicesResolved", Value::boolean(true)}, {"Paired", Value::boolean(true)}});
+    tell({{"UUIDs", services_}, {"ServicesResolved", Value::boolean(true)}, {"Paired", Value::boolean(true)}});
 }
 
 void Device::showConnected(bool isConnected) {
@@ -195,10 +211,11 @@ void Device::connectProfile(const Call& call) {
     if (connectCall_) return call.fail(Errors::kConnectionBusy);
     if (!isReachable()) return call.fail(Errors::kConnectionNotPowered);
     const std::string wanted = call.arguments()[0].text();
-    const auto& services = model_.services.elements();
-    const bool isOffered = std::any_of(services.begin(), services.end(), [&](const Value& service) {
-        return service.isText() && service.text() == wanted;
-    });
+    const auto& services = services_.elements();
+    const bool isOffered =
+        std::any_of(services.begin(), services.end(),
+                    [&](const Value& service) { return service.isText() && service.text() == wanted; }) &&
+        std::find(std::begin(kOnlyListed), std::end(kOnlyListed), wanted) == std::end(kOnlyListed);
     connectCall_ = call;
     if (model_.profileDelay == kNever) return;
     connecting_ = world_.loop.after(model_.profileDelay, [this, isOffered] {

@@ -18,14 +18,16 @@ public:
     /// forgotten.
     using Leave = std::function<void(bool isOffTheAir)>;
 
-    /// The object appears at once.
-    Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave);
+    /// The object appears at once. `unbusy` is called when a pairing has ended, before Pair is answered.
+    Device(World& world, const std::string& adapterPath, const DevicePlan& plan, const Model& model, Leave leave,
+           std::function<void()> unbusy);
     /// A pairing under way ends with ConnectionAttemptFailed, as when bluetoothd removes a device.
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
     const std::string& path() const { return path_; }
+    bool isPairing() const { return pairing_ != nullptr; }
 
     static const MethodTable<Device>& methods();
     /// The type of a property that clients may write, 0 when they may not.
@@ -74,8 +76,10 @@ private:
     World& world_;
     const std::string path_;
     const Model& model_;
-    const bool isKnown_;  // from the start, and kept
+    const Value services_;  // what it offers
+    const bool isKnown_;    // from the start, and kept
     Leave leave_;
+    const std::function<void()> unbusy_;
     std::string pinCode_;
     std::unique_ptr<Pairing> pairing_;
     Timer forgetting_;

@@ -53,6 +53,12 @@ std::unique_ptr<Loop> Loop::create() {
     std::unique_ptr<Loop> loop(new Loop(event));
     if (sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr) < 0) return nullptr;
     if (sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr) < 0) return nullptr;
+    // A bus that is attached to the loop closes itself when the loop ends, with the usual priority.
+    sd_event_source* ending = nullptr;
+    if (sd_event_add_exit(event, &ending, &Loop::ending, loop.get()) < 0) return nullptr;
+    sd_event_source_set_priority(ending, SD_EVENT_PRIORITY_IMPORTANT);
+    sd_event_source_set_floating(ending, 1);
+    sd_event_source_unref(ending);
     return loop;
 }
 
@@ -70,6 +76,15 @@ Timer Loop::after(milliseconds delay, std::function<void()> function) {
         return {};
     }
     return Timer(std::move(state));
+}
+
+void Loop::atEnd(std::function<void()> function) {
+    atEnd_ = std::move(function);
+}
+
+int Loop::ending(sd_event_source*, void* self) {
+    if (const auto function = std::move(static_cast<Loop*>(self)->atEnd_)) function();
+    return 0;
 }
 
 int Loop::run() {

@@ -41,6 +41,9 @@ public:
 
     /// `function` may destroy the timer, or whatever owns it.
     [[nodiscard]] Timer after(milliseconds delay, std::function<void()> function);
+    /// `function` is called when run() is about to return because of a signal or end(), while the bus still takes
+    /// messages. One at most.
+    void atEnd(std::function<void()> function);
 
     /// Waits and serves until end() or a signal; returns the exit code.
     int run();
@@ -51,7 +54,10 @@ public:
 private:
     explicit Loop(sd_event* event) : event_(event) {}
 
+    static int ending(sd_event_source*, void* self);
+
     sd_event* event_;
+    std::function<void()> atEnd_;
 };
 
 }  // namespace Simulator

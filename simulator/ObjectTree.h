@@ -41,6 +41,9 @@ public:
     /// While quiet it sends no signals: nobody knows the simulator yet.
     void setQuiet(bool isQuiet) { isQuiet_ = isQuiet; }
 
+    /// Sends InterfacesAdded for an object that is there.
+    void announce(const std::string& path) const { tellAdded(path, objects_.at(path)); }
+
     bool has(const std::string& path) const { return objects_.count(path) != 0; }
     bool has(const std::string& path, std::string_view interface) const { return find(path, interface) != nullptr; }
     std::vector<std::string> paths() const;

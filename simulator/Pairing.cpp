@@ -47,6 +47,7 @@ bool Pairing::take(const Step& step) {
         case Step::Kind::DisplayPinCode:
             displayed_ = next_ - 1;
             pinCode_ = world_.newPinCode();
+            shownAt_ = std::chrono::steady_clock::now();
             device_.showPinCode(pinCode_);
             return askAgent("DisplayPinCode", {Value::objectPath(device_.path()), Value::string(pinCode_)},
                             &Pairing::displayed);
@@ -116,17 +117,29 @@ bool Pairing::type(const std::string& pinCode) {
         go();
     } else if (world_.tuning.retryAfter == milliseconds(0) || attempt_ > kPinCodes) {
         fail(Errors::kAuthenticationFailed);
+    } else if (wasHasty()) {
+        // The fixed code is tried once, as the second attempt, and is wrong as well.
+        timer_ = world_.loop.after(world_.tuning.retryAfter * (attempt_ == 1 ? 2 : 1), [this] { askForPinCode(); });
     } else {
         timer_ = world_.loop.after(world_.tuning.retryAfter, [this] { retry(); });
     }
     return true;
 }
 
+bool Pairing::wasHasty() const {
+    return std::chrono::steady_clock::now() - shownAt_ < world_.tuning.hastyWithin;
+}
+
 void Pairing::retry() {
+    if (attempt_ == kPinCodes) return askForPinCode();
     ++attempt_;
     next_ = displayed_;
-    if (attempt_ <= kPinCodes) return go();
-    ++next_;
+    go();
+}
+
+void Pairing::askForPinCode() {
+    attempt_ = kPinCodes + 1;
+    next_ = displayed_ + 1;
     askAgent("RequestPinCode", {Value::objectPath(device_.path())}, &Pairing::told);
 }
 

@@ -36,6 +36,8 @@ private:
     void displayed(const Answer& answer);
     void told(const Answer& answer);
     void retry();
+    bool wasHasty() const;
+    void askForPinCode();
     void fail(const Error& error);
     void cancelAgent() const;
 
@@ -50,6 +52,7 @@ private:
     int attempt_ = 1;
     bool isAwaitingTyping_ = false;
     std::string pinCode_;
+    std::chrono::steady_clock::time_point shownAt_;
     Timer timer_;
     PendingCall asking_;
 };

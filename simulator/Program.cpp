@@ -39,7 +39,9 @@ int simulate(const Options& options, const std::function<void()>& ready) {
     simulation.world().objects.setQuiet(true);
     simulation.load(scenario->make());
     simulation.world().objects.setQuiet(false);
+    loop->atEnd([&simulation] { simulation.end(); });
     if (!bus->ownName("org.bluez", error)) return complain(error);
+    simulation.announce();
     ready();
     return loop->run() == 0 ? 0 : complain("lost the connection to the bus");
 }

@@ -42,6 +42,17 @@ void Simulation::load(const Scenario& scenario) {
     flood_.setRate(scenario.flood);
 }
 
+void Simulation::announce() const {
+    for (const auto& [path, adapter] : adapters_) world_.objects.announce(path);
+}
+
+void Simulation::end() {
+    for (const auto& [path, adapter] : adapters_) adapter->setPowered(false);
+    world_.agents.release(world_.bus);
+    clear();
+    world_.bus.flush();
+}
+
 void Simulation::clear() {
     flood_.setRate(0);
     interference_.clear();

@@ -29,6 +29,12 @@ public:
     /// Ends what is there and begins the scenario. Registered agents stay.
     void load(const Scenario& scenario);
 
+    /// Tells of the adapters that are there, as bluetoothd does when it has its name: who knew one that ended learns of
+    /// the new one that way. Of devices it tells nobody, since scenarios have thousands.
+    void announce() const;
+    /// Takes leave as bluetoothd does when it is told to end: the power goes off, agents are released, objects go.
+    void end();
+
     void handle(const Call& call);
     void clientGone(const std::string& client);
 

@@ -54,6 +54,9 @@ struct Tuning {
     /// After a wrong pincode bluetoothd tries again: two times with another pincode, then it asks the agent for one,
     /// each this long (3 s) after the last failure. 0: the pairing ends with AuthenticationFailed.
     milliseconds retryAfter{0};
+    /// A wrong pincode that came within this time was not typed by a person: bluetoothd then takes the keyboard for one
+    /// with a fixed code, tries "0000" in place of a pincode to be shown, and after that asks the agent. 0 is never.
+    milliseconds hastyWithin{500};
     /// While an adapter inquires, each device in range is seen again, with another RSSI, this often. 0 is never.
     milliseconds seenEvery{1000};
 };

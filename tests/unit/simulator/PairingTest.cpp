@@ -75,6 +75,7 @@ TEST_F(Pairing, AWrongPincodeFailsTheAuthentication) {
 
 TEST_F(Pairing, WithRetriesAWrongPincodeBringsTwoMoreAndThenAQuestion) {
     tune("retry-after", 5);
+    tune("hasty-within", 0);
     client().registerAgent();
     const auto keyboard = device("keyboard");
     const auto pairing = pair(keyboard);
@@ -94,6 +95,7 @@ TEST_F(Pairing, WithRetriesAWrongPincodeBringsTwoMoreAndThenAQuestion) {
 
 TEST_F(Pairing, WithRetriesTheSecondPincodePairs) {
     tune("retry-after", 5);
+    tune("hasty-within", 0);
     client().registerAgent();
     const auto keyboard = device("keyboard");
     const auto pairing = pair(keyboard);
@@ -103,6 +105,79 @@ TEST_F(Pairing, WithRetriesTheSecondPincodePairs) {
     type(keyboard, shownPinCode());
     ASSERT_TRUE(isOver(pairing));
     EXPECT_TRUE(pairing->isOk());
+}
+
+TEST_F(Pairing, WithRetriesAWrongPincodeThatCameTooSoonBringsTheQuestionOnly) {
+    tune("retry-after", 5);
+    tune("hasty-within", 60000);
+    client().registerAgent();
+    const auto keyboard = device("keyboard");
+    const auto pairing = pair(keyboard);
+    ASSERT_TRUE(isShown());
+    type(keyboard, "wrong");
+    ASSERT_TRUE(isShown(2));
+    EXPECT_EQ(client().agentCalls.back().member, "RequestPinCode");
+    EXPECT_FALSE(pairing->isAnswered);
+    client().call(keyboard, kDevice1, "CancelPairing");
+    ASSERT_TRUE(isOver(pairing));
+    EXPECT_EQ(pairing->errorName, "org.bluez.Error.AuthenticationCanceled");
+}
+
+TEST_F(Pairing, ADiscoveryIsStartedWhenThePairingHasEnded) {
+    Client other;
+    client().registerAgent();
+    const auto keyboard = device("keyboard");
+    const auto pairing = pair(keyboard);
+    ASSERT_TRUE(isShown());
+    const auto mine = client().start(kHci0, kAdapter1, "StartDiscovery");
+    const auto others = other.start(kHci0, kAdapter1, "StartDiscovery");
+    other.catchUp();
+    client().catchUp();
+    EXPECT_FALSE(mine->isAnswered);
+    EXPECT_FALSE(others->isAnswered);
+    EXPECT_EQ(client().call(kHci0, kAdapter1, "StopDiscovery").errorName, "org.bluez.Error.InProgress");
+    EXPECT_FALSE(client().property(kHci0, kAdapter1, "Discovering")->isTrue());
+    // Another controller's discovery has nothing to do with it.
+    EXPECT_TRUE(client().call(kHci1, kAdapter1, "StartDiscovery").isOk());
+    type(keyboard, shownPinCode());
+    ASSERT_TRUE(isOver(pairing));
+    EXPECT_TRUE(mine->isOk());
+    EXPECT_TRUE(other.waitFor([&] { return others->isOk(); }));
+    EXPECT_TRUE(client().property(kHci0, kAdapter1, "Discovering")->isTrue());
+}
+
+TEST_F(Pairing, ADiscoveryThatWaitsIsAnsweredWhenTheDeviceGoes) {
+    client().registerAgent();
+    const auto keyboard = device("keyboard");
+    const auto pairing = pair(keyboard);
+    ASSERT_TRUE(isShown());
+    const auto discovery = client().start(kHci0, kAdapter1, "StartDiscovery");
+    EXPECT_TRUE(client().call(kHci0, kAdapter1, "RemoveDevice", {path(keyboard)}).isOk());
+    ASSERT_TRUE(client().waitFor([&] { return discovery->isAnswered; }));
+    EXPECT_TRUE(discovery->isOk());
+}
+
+TEST_F(Pairing, ADiscoveryThatWaitsFailsWhenThePowerGoes) {
+    client().registerAgent();
+    const auto pairing = pair(device("keyboard"));
+    ASSERT_TRUE(isShown());
+    const auto discovery = client().start(kHci0, kAdapter1, "StartDiscovery");
+    client().control("SetPowered", {path(kHci0), Value::boolean(false)});
+    ASSERT_TRUE(client().waitFor([&] { return discovery->isAnswered; }));
+    EXPECT_EQ(discovery->errorName, "org.bluez.Error.NotReady");
+}
+
+TEST_F(Pairing, WhatADeviceOffersCanBeSaidWhenItIsPutOnTheAir) {
+    const std::string serialPort = "00001101-0000-1000-8000-00805f9b34fb";
+    const std::string deviceId = "00001200-0000-1000-8000-00805f9b34fb";
+    const auto services = Value::strings({serialPort, deviceId});
+    const auto headset = device("headset", {{"UUIDs", services}});
+    EXPECT_TRUE(client().call(headset, kDevice1, "Pair").isOk());
+    EXPECT_EQ(client().property(headset, kDevice1, "UUIDs"), services);
+    EXPECT_TRUE(client().call(headset, kDevice1, "ConnectProfile", {text(serialPort)}).isOk());
+    // Listed, but nothing in bluetoothd connects it.
+    EXPECT_EQ(client().call(headset, kDevice1, "ConnectProfile", {text(deviceId)}).errorName,
+              "org.bluez.Error.NotAvailable");
 }
 
 TEST_F(Pairing, PincodesTypeThemselvesWhereTheScenarioSaysSo) {

@@ -225,6 +225,26 @@ TEST(Program, IsSteeredFromTheCommandLine) {
     EXPECT_EQ(ctl({"held"})->exitCode(), 1);
 }
 
+TEST(Program, AnnouncesItsAdaptersAndTakesLeaveAsBluetoothdDoes) {
+    UnitTest::PrivateBus bus;
+    Client client;
+    Process run(onBus({"--scenario", "keyboard"}));
+    ASSERT_TRUE(run.isReady());
+    EXPECT_TRUE(client.waitFor([&] { return !client.told(kHci0).empty(); }));
+    EXPECT_TRUE(client.told(kHci0).front().starts_with("InterfacesAdded"));
+    client.registerAgent();
+    client.control("Quit");
+    const auto isGone = [&](const char* path) {
+        const auto told = client.told(path);
+        return !told.empty() && told.back().starts_with("InterfacesRemoved");
+    };
+    EXPECT_TRUE(client.waitFor([&] {
+        return isGone("/org/bluez/hci0/dev_5C_F3_70_00_00_01") && isGone(kHci0) && !client.agentCalls.empty();
+    }));
+    EXPECT_EQ(client.agentCalls.back().member, "Release");
+    EXPECT_EQ(run.exitCode(), 0);
+}
+
 TEST(Program, IsIdleWhenNothingHappens) {
     UnitTest::PrivateBus bus;
     Process run(onBus({"--scenario", "thousand"}));

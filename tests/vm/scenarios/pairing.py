@@ -164,7 +164,7 @@ def a_profile_that_is_offered_connects_and_others_do_not(world, start):
             assert name == "RESULT"
             return result
 
-        # Not offered; nothing that BlueZ could connect; not let in by the other side.
+        # Not offered; then nothing that BlueZ could connect, and not let in by the other side.
         assert activate(NOT_LISTED) == REFUSED
         assert world.calls_of_service("ConnectProfile") == 0
         assert activate(DEVICE_ID) == REFUSED

@@ -5,7 +5,7 @@ import signal
 import subprocess
 import tempfile
 
-from worlds.facts import FIRST, HEADSET, KEYBOARD, SECOND, SECOND_PATH
+from worlds.facts import DEVICE_ID, FIRST, HEADSET, KEYBOARD, REMOTE_CONTROL, SECOND, SECOND_PATH, SERIAL_PORT
 from worlds.world import World
 
 from harness.dbus import PrivateBus
@@ -19,6 +19,15 @@ class SimulatedUser:
 
     def __init__(self, world):
         self._world = world
+
+    def offer_serial_port(self):
+        """It is among the services that the device was given."""
+
+    def let_in(self, willing):
+        """Nobody asks the simulated user, so bluetoothd's answer is given in its place."""
+        if not willing:
+            self._world.control("AnswerError", "ssuss", SECOND_PATH, "ConnectProfile", 1, "org.bluez.Error.Failed",
+                                "br-connection-refused")
 
     def put_away(self):
         """Nor is it left asking."""
@@ -76,7 +85,9 @@ class Simulator(World):
 
     def dress(self, role):
         self.control("Tune", "su", "retry-after", 3000)
-        self.control("PutInRange", "ossua{sv}", HCI0, SECOND, {KEYBOARD: "keyboard", HEADSET: "headset"}[role], 100, {})
+        model = {KEYBOARD: "keyboard", HEADSET: "headset"}[role]
+        services = {"UUIDs": ("as", [SERIAL_PORT, REMOTE_CONTROL, DEVICE_ID])} if role == HEADSET else {}
+        self.control("PutInRange", "ossua{sv}", HCI0, SECOND, model, 100, services)
 
     def clear(self):
         self.other_side = None
