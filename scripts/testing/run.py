@@ -62,6 +62,8 @@ def quick(run):
 def full(run):
     run.leg("formatting", runners.formatting, runners.words)
     quick(run)
+    run.leg("bluetoothd in a virtual machine",
+            lambda: runners.summary_of([ROOT / "tests/vm/run"], "vm.log"))
     run.leg("valgrind: short scenarios",
             lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS, name="valgrind"))
     run.leg("asan: build and unit tests", lambda: runners.build("asan"), lambda: runners.unit("asan", ASAN))

@@ -65,6 +65,8 @@ class Run:
         """Runs it and writes the logs; gives what went wrong, nothing when all was well."""
         self._world.begin()
         self._attempt(function, self._world, self.start)
+        if not self._problems and any(service.running for service in self._services):
+            self._attempt(self._world.wait_answered)
         for service in self._services:
             self._attempt(service.end)
             self._attempt(service.check_clean)

@@ -96,6 +96,7 @@ def bluez_restarted_under_the_service_needs_a_restart_of_it_too(world, start):
     check_adapters(service, world)
     with find(service) as device:
         assert device.do("CONNECT", limit=20) == [("RESULT", REFUSED)]
+    service.wait_gone(service.device_node(SECOND), limit=20)
     assert world.calls_of_service("RegisterAgent") == 1
     assert service.stop() == 0
     again = start()

@@ -83,6 +83,7 @@ def a_pincode_that_is_wrong_at_once_makes_bluez_ask_and_disconnect_ends_that(wor
             service.wait_log("Unsupported authentication method RequestPinCode", level=3, limit=20)
             assert device.do("DISCONNECT", limit=20) == SUCCESS
             assert waiting.result() == FAILURE
+    service.wait_gone(service.device_node(SECOND), limit=20)
 
 
 @scenario()

@@ -2,16 +2,20 @@
 
 from jeepney.low_level import MessageType
 
-BUS = "org.freedesktop.DBus"
-
 
 def calls_between(messages, services):
     """One list for each call: who asked, object, member, arguments, and how it was answered.
 
-    The answer is "ok", the name of the error, or "" where there was none: the call wants none, or it never came.
+    The answer is "ok", the name of the error, or "" where there was none: the call wants none, it never came, or it came
+    when the service had begun to leave the bus, where it is a matter of chance whether it still comes.
     """
-    answers = {(message.destination, message.reply_serial): message for message in messages
-               if message.kind in (MessageType.method_return, MessageType.error)}
+    answers = {}
+    leaving = set()
+    for message in messages:
+        if message.kind in (MessageType.method_return, MessageType.error):
+            answers[message.destination, message.reply_serial] = (message, message.destination in leaving)
+        elif message.kind is MessageType.method_call and message.member == "UnregisterAgent":
+            leaving.add(message.sender)
     calls = []
     for message in messages:
         if message.kind is not MessageType.method_call:
@@ -22,12 +26,8 @@ def calls_between(messages, services):
             who = "bluez"
         else:
             continue
-        answer = answers.get((message.sender, message.serial)) if message.wants_reply else None
-        ended = "" if answer is None else answer.error_name or "ok"
-        calls.append([who, message.path or "", message.member, *map(_text, message.args), ended])
+        answer, is_late = answers.get((message.sender, message.serial), (None, False))
+        counts = answer is not None and message.wants_reply and (not is_late or message.member == "UnregisterAgent")
+        ended = (answer.error_name or "ok") if counts else ""
+        calls.append([who, message.path or "", message.member, *map(str, message.args), ended])
     return calls
-
-
-def _text(argument):
-    """Bus names are numbered as connections come, which says nothing."""
-    return str(argument)

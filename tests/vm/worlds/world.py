@@ -96,6 +96,11 @@ class World:
         """How the calls of the service were answered, of those that were: "ok" or the name of the error."""
         return [call[-1] for call in self.calls() if call[0] != "bluez" and call[2] == member and call[-1]]
 
+    def wait_answered(self):
+        """Returns when the service waits for no answer any more, but that of a pairing that may go on."""
+        self.wait(lambda: all(call[-1] for call in self.calls() if call[0] != "bluez" and call[2] != "Pair"),
+                  "answers to the calls of the service")
+
     def wait_calls_of_service(self, member, count, limit=20):
         self.wait(lambda: self.calls_of_service(member) >= count, f"{count} calls {member}", limit)
 
