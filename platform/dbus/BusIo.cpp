@@ -3,7 +3,9 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <csignal>
@@ -16,7 +18,7 @@ namespace Libraries::Platform::Posix::DBus {
 
 namespace {
 
-/// How long close() tries to write what is queued to a bus that does not read.
+/// How long close() tries to write what is queued, and waits for the bus to have read it.
 constexpr std::chrono::milliseconds kFlushLimit{100};
 
 /// For poll(): rounded up, so that a deadline has passed when it returns.
@@ -232,15 +234,27 @@ void BusIo::finish() {
     deliver();
     queue_.end(std::move(unanswered));
 
-    const auto until = Clock::now() + kFlushLimit;
-    int fd = -1;
-    while (::dbus_connection_has_messages_to_send(bus) && ::dbus_connection_get_unix_fd(bus, &fd)) {
-        pollfd out{fd, POLLOUT, 0};
-        if (::poll(&out, 1, millisecondsUntil(until)) <= 0) break;
-        ::dbus_connection_read_write(bus, 0);
-    }
+    takeLeave(bus);
     ::dbus_connection_close(bus);
     ::dbus_connection_unref(bus);
+}
+
+void BusIo::takeLeave(::DBusConnection* bus) {
+    const auto until = Clock::now() + kFlushLimit;
+    const auto ready = [until](int fd, short events) {
+        pollfd wait{fd, events, 0};
+        return ::poll(&wait, 1, millisecondsUntil(until)) > 0;
+    };
+    int fd = -1;
+    while (::dbus_connection_has_messages_to_send(bus) && ::dbus_connection_get_unix_fd(bus, &fd)) {
+        if (!ready(fd, POLLOUT)) return;
+        ::dbus_connection_read_write(bus, 0);
+    }
+    if (!::dbus_connection_get_unix_fd(bus, &fd)) return;
+    // A socket that is closed with input unread resets the connection, and the bus loses what it has not read so far.
+    ::shutdown(fd, SHUT_WR);
+    char unread[4096];
+    while (ready(fd, POLLIN) && ::recv(fd, unread, sizeof unread, MSG_DONTWAIT) > 0) continue;
 }
 
 bool BusIo::write(DBusMessage* message, dbus_uint32_t* serial) {

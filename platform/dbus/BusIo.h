@@ -89,6 +89,7 @@ private:
     void expire() REQUIRES(lock_);
     void deliver();
     void finish();
+    static void takeLeave(::DBusConnection* bus);
     void watchDeadline(const DBusPendingCall& call, dbus_uint32_t serial) REQUIRES(lock_);
     bool write(DBusMessage* message, dbus_uint32_t* serial) REQUIRES(lock_);
     void wake() REQUIRES(lock_);
