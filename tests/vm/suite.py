@@ -45,6 +45,8 @@ class Run:
         self._out = out
         self._services = []
         self._problems = []
+        # What of the world itself broke down, so that the scenario says nothing of the service.
+        self.broken = ""
         self._folder = tempfile.TemporaryDirectory(prefix="nodes-", ignore_cleanup_errors=True)
 
     def start(self):
@@ -76,6 +78,7 @@ class Run:
         self._write("bus.log", "\n".join([f"=== {self.name}", *map(str, self._world.messages())]) + "\n")
         self._write("calls.json", json.dumps({"scenario": self.name, "calls": calls}) + "\n")
         self._folder.cleanup()
+        self.broken = self._world.broken()
         if not self._problems:
             return ""
         asked = "".join(" ".join(call) + "\n" for call in calls)
@@ -104,14 +107,20 @@ def main():
     world = worlds.make(name, out)
     passed = failed = 0
     for name in chosen:
+        (out / "running").write_text(name + "\n")
         began = time.monotonic()
-        problem = Run(name, world, out).go(SCENARIOS[name][0])
+        run = Run(name, world, out)
+        problem = run.go(SCENARIOS[name][0])
+        if problem and run.broken:
+            print(f"again {name}: {run.broken}", flush=True)
+            problem = Run(name, world, out).go(SCENARIOS[name][0])
         print(f"{'FAIL' if problem else 'ok  '} {name} ({time.monotonic() - began:.1f} s)", flush=True)
         if problem:
             failed += 1
             print(problem, flush=True)
         else:
             passed += 1
+    (out / "running").unlink()
     world.close()
     print(f"{passed} passed, {failed} failed", flush=True)
     sys.exit(1 if failed else 0)

@@ -38,7 +38,9 @@ class Results:
                 self.good[kind].add(name)
         if not re.search(r"^\d+ passed, \d+ failed$", text, flags=re.MULTILINE):
             self.failed += 1
-            print(f"vm: {folder.name} did not get to its end; what it said last:")
+            running = folder / "running"
+            where = running.read_text().strip() if running.exists() else "no scenario"
+            print(f"vm: {folder.name} did not get to its end; in {where}. What it said last:")
             console = folder / "console.log"
             print("".join(console.read_text(errors="replace").splitlines(True)[-10:]) if console.exists() else "")
         calls = folder / "calls.json"

@@ -4,8 +4,8 @@ import os
 import select
 import time
 
-from scenarios.words import (HUMAN, Waiting, connect, find, find_again, pair, profiles, scenario,
-                             type_as_a_person)
+from scenarios.words import (HUMAN, Waiting, connect, fail_as_a_person, find, find_again, pair, profiles,
+                             scenario)
 from worlds.facts import (DEVICE, DEVICE_ID, FIRST, FIRST_PATH, HEADSET, KEYBOARD, NOT_LISTED, REMOTE_CONTROL, SECOND,
                           SECOND_PATH, SERIAL_PORT, number)
 
@@ -47,7 +47,7 @@ def a_wrong_pincode_ends_the_wait_and_a_second_try_pairs(world, start):
         pincode = connect(device)
         with service.device(SECOND) as client:
             waiting = Waiting(client, "WAIT_CONNECTED")
-            type_as_a_person(world, "111111" if pincode != "111111" else "222222")
+            fail_as_a_person(world, "111111" if pincode != "111111" else "222222")
             assert waiting.result() == FAILURE
     assert world.calls_of_service("CancelPairing") == 1
     with find_again(service, world) as device:
@@ -63,7 +63,7 @@ def a_rejection_ends_the_wait_and_a_second_try_pairs(world, start):
         connect(device)
         with service.device(SECOND) as client:
             waiting = Waiting(client, "WAIT_CONNECTED")
-            type_as_a_person(world, None)
+            fail_as_a_person(world, None)
             assert waiting.result() == FAILURE
     with find_again(service, world) as device:
         assert device.value("STATUS") == 1

@@ -73,10 +73,11 @@ class Waiting:
         return self._result
 
 
-def type_as_a_person(world, pincode):
+def fail_as_a_person(world, pincode):
+    """Types a wrong pincode, or rejects when there is none."""
     world.other_side.wait_asked()
     time.sleep(HUMAN)
-    world.other_side.type(pincode)
+    world.other_side.fail_with(pincode)
 
 
 def pair(service, world, device):

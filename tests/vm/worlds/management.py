@@ -19,6 +19,8 @@ SET_DISCOVERABLE = 0x0006
 
 COMMAND_COMPLETE = 1
 COMMAND_STATUS = 2
+CONNECT_FAILED = 0x000D
+AUTHENTICATION_FAILED = 0x0011
 
 
 class ManagementError(Exception):
@@ -53,6 +55,13 @@ class Management:
         """Sets it also where the kernel believes that it is so: after a power cycle the controller may not agree."""
         self.command(controller, code, not on)
         self.command(controller, code, on)
+
+    def wait_event(self, controller, *codes):
+        """Returns when one of these events of a controller has come since the last command, or since the last wait."""
+        while True:
+            event, index, _ = struct.unpack_from("<HHH", self._socket.recv(4096))
+            if index == controller and event in codes:
+                return
 
     def close(self):
         self._socket.close()

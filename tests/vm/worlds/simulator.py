@@ -29,6 +29,9 @@ class SimulatedUser:
             self._world.control("AnswerError", "ssuss", SECOND_PATH, "ConnectProfile", 1, "org.bluez.Error.Failed",
                                 "br-connection-refused")
 
+    def fail_with(self, pincode):
+        self.type(pincode)
+
     def put_away(self):
         """Nor is it left asking."""
 

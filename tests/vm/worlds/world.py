@@ -104,6 +104,10 @@ class World:
     def wait_calls_of_service(self, member, count, limit=20):
         self.wait(lambda: self.calls_of_service(member) >= count, f"{count} calls {member}", limit)
 
+    def broken(self):
+        """What of the world itself, beside BlueZ, has broken down in this scenario; empty when nothing has."""
+        return ""
+
     def clear(self):
         """Ends BlueZ and all it knows."""
         raise NotImplementedError
