@@ -303,13 +303,17 @@ def test_requests_being_served(bluez, start, more_descriptors):
         pair = bluez.wait_call("Pair")
         for client in made[1:SERVED]:
             client.send_execute(action("WAIT_CONNECTED"))
+        # A Get before all of these are in would take the place of one.
+        for client in made[1:SERVED]:
+            wait_until(lambda client=client: not client.unread(), "a request that was taken")
+        service.wait_asleep(made[1])
         late = made[SERVED]
 
         def refused():
             late.send(f"{NODE}.Get", {"attribute": "NAME"})
             return late.receive().get("error") == f"{NODE}.Busy"
 
-        wait_until(refused, "Busy with 256 requests in progress")
+        assert refused(), "256 requests are in progress"
         expect_busy(late, f"{NODE}.Execute", {"values": [action("WAIT_CONNECTED")]})
         expect_busy(late, f"{NODE}.Execute", {"values": []})
         expect_busy(late, f"{NODE}.Set", {"values": []})
@@ -323,7 +327,8 @@ def test_requests_being_served(bluez, start, more_descriptors):
         wait_until(lambda: not refused(), "room after a hang-up")
         made[1] = service.device()
         made[1].send_execute(action("WAIT_CONNECTED"))
-        wait_until(refused, "Busy again")
+        service.wait_asleep(made[1])
+        assert refused(), "256 again"
         began = time.monotonic()
         assert control.do("STOP") == 0, "STOP is never refused"
         assert service.wait() == 0
