@@ -68,9 +68,7 @@ def full(run):
             lambda: runners.scenarios("release", "-m", "short", env=VALGRIND, workers=JOBS, name="valgrind"))
     run.leg("asan: build and unit tests", lambda: runners.build("asan"), lambda: runners.unit("asan", ASAN))
     run.leg("asan: scenarios", lambda: runners.scenarios("asan", env=ASAN))
-    # The client and the simulator have one thread each.
-    run.leg("tsan: build and unit tests", lambda: runners.build("tsan"),
-            lambda: runners.unit("tsan", TSAN, leave_out="unit-client|unit-simulator"))
+    run.leg("tsan: build and unit tests", lambda: runners.build("tsan"), lambda: runners.unit("tsan", TSAN))
     run.leg("tsan: scenarios", lambda: runners.scenarios("tsan", env=TSAN))
     run.leg("clang: build, clang-tidy", lambda: runners.build("clang", "-DBTN_TESTS=OFF"),
             lambda: runners.clang_tidy("clang"))
