@@ -157,10 +157,12 @@ void Node::admit(Fd socket) {
     if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &client, &size) != 0) return endStream(std::move(socket));
     Admission& admission = service_->engine().admission();
     if (const char* limit = admission.addConnection(client.uid)) {
-        LogRecord record(kLogDegraded, logHandle());
-        record << "Connection refused: " << name_ << ": " << limit << ", user ";
-        record.number(client.uid);
-        return endStream(std::move(socket));
+        {
+            LogRecord record(kLogDegraded, logHandle());
+            record << "Connection refused: " << name_ << ": " << limit << ", user ";
+            record.number(client.uid);
+        }
+        return endStream(std::move(socket));  // the line is there when the client sees its end
     }
     const Ref<Connection> connection(new Connection(this, client.uid, std::move(socket)));
     connections_.push_back(connection);
