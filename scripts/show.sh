@@ -1,6 +1,6 @@
 # How ./run and the tour show things: with colour on a terminal, plainly elsewhere. To be sourced.
 
-if [ -t 1 ] && [ -z "${NO_COLOR:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
+if { [ -t 1 ] || [ -n "${BTN_COLOUR:-}" ]; } && [ -z "${NO_COLOR:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
     bold=$'\e[1m' dim=$'\e[2m' blue=$'\e[36m' plain=$'\e[0m'
 else
     bold='' dim='' blue='' plain=''

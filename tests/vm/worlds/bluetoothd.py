@@ -123,14 +123,18 @@ class Bluetoothd(World):
 
     def __init__(self, out):
         super().__init__(Bus, out)
+        # In memory first: what is written to the machine outside costs a round trip for each line.
+        self._logs = pathlib.Path("/run/vm-logs")
+        self._logs.mkdir()
+        self._kept = {}
         self._daemon = None
         self._emulator = None
         self._management = Management()
-        self._trace = subprocess.Popen(["btmon", "-w", str(out / "btmon.snoop")], stdin=subprocess.DEVNULL,
+        self._trace = subprocess.Popen(["btmon", "-w", str(self._logs / "btmon.snoop")], stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def start_bluez(self):
-        with open(self.out / "bluetoothd.log", "ab") as log:
+        with open(self._logs / "bluetoothd.log", "ab") as log:
             self._daemon = subprocess.Popen([DAEMON, "-n", "-d"], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         self.wait_bluez()
 
@@ -147,7 +151,7 @@ class Bluetoothd(World):
         self.user.call_bus("ReloadConfig")
 
     def plug(self):
-        with open(self.out / "btvirt.log", "ab") as log:
+        with open(self._logs / "btvirt.log", "ab") as log:
             self._emulator = subprocess.Popen(["btvirt", "-l2"], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def unplug(self):
@@ -186,6 +190,14 @@ class Bluetoothd(World):
         self._management.command(1, management.SET_CONNECTABLE, True)
         self._management.command(1, management.SET_DISCOVERABLE, True, 0, form="BH")
 
+    def _keep_logs(self):
+        """Brings what was logged since the last time to the folder outside."""
+        for log in self._logs.iterdir():
+            with open(log, "rb") as new, open(self.out / log.name, "ab") as kept:
+                new.seek(self._kept.get(log.name, 0))
+                kept.write(new.read())
+                self._kept[log.name] = new.tell()
+
     def clear(self):
         if self.other_side is not None:
             self.other_side.close()
@@ -202,9 +214,11 @@ class Bluetoothd(World):
         self.unplug()
         for entry in pathlib.Path("/var/lib/bluetooth").glob("*"):
             shutil.rmtree(entry)
+        self._keep_logs()
 
     def close(self):
         super().close()
         self._management.close()
         self._trace.terminate()
         self._trace.wait(20)
+        self._keep_logs()
