@@ -147,7 +147,7 @@ bool Device::sendPair(const ServiceHold& service, std::uint32_t timeoutMs) {
                                      &Device::onPairCallFreed)) {
         return false;
     }
-    call.release();  // the bus library's now
+    static_cast<void>(call.release());  // the bus library's now
     return true;
 }
 

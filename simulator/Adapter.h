@@ -32,7 +32,7 @@ public:
     void clientGone(const std::string& client);
 
     /// Off ends discoveries, pairings and connections, and makes calls fail with NotReady.
-    void setPowered(bool isPowered);
+    void setPowered(bool isOn);
 
     /// Puts a device on the air: it appears at once, or when an inquiry finds it. False when there is no such model or
     /// the device is there already.

@@ -60,9 +60,11 @@ std::vector<Property> properties(NamedValues values, const Model& model) {
         return std::find(names.begin(), names.end(), name) != names.end();
     };
     std::vector<Property> properties;
-    for (auto& [name, value] : values) {
+    for (auto& each : values) {
+        const std::string& name = each.first;
         if (isIn(model.without, name) || (name == "Icon" && model.icon.empty())) continue;
-        properties.push_back({name, std::move(value), isIn(model.unreadable, name) ? Errors::kUnreadable.name : ""});
+        properties.push_back(
+            {name, std::move(each.second), isIn(model.unreadable, name) ? Errors::kUnreadable.name : ""});
     }
     return properties;
 }

@@ -74,7 +74,8 @@ bool Pairing::take(const Step& step) {
     return false;
 }
 
-bool Pairing::askAgent(const std::string& member, Value::List arguments, void (Pairing::*answered)(const Answer&)) {
+bool Pairing::askAgent(const std::string& member, const Value::List& arguments,
+                       void (Pairing::*answered)(const Answer&)) {
     MessagePtr message;
     if (agent_) message = world_.bus.newCall(agent_->owner, agent_->path, kAgent1, member);
     for (const auto& argument : arguments) {

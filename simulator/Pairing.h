@@ -32,7 +32,7 @@ public:
 private:
     /// Each returns whether the next step may follow at once; when not, nothing of the pairing may be touched any more.
     bool take(const Step& step);
-    bool askAgent(const std::string& member, Value::List arguments, void (Pairing::*answered)(const Answer&));
+    bool askAgent(const std::string& member, const Value::List& arguments, void (Pairing::*answered)(const Answer&));
     void displayed(const Answer& answer);
     void told(const Answer& answer);
     void retry();

@@ -35,8 +35,9 @@ struct Error {
 template <typename T>
 class [[nodiscard]] Result {
 public:
-    Result(T value) : state_(std::move(value)) {}
-    Result(Error error) : state_(std::move(error)) {}
+    // Not explicit: a function returns its value or an error as it is.
+    Result(T value) : state_(std::move(value)) {}      // NOLINT(google-explicit-constructor)
+    Result(Error error) : state_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
     explicit operator bool() const { return state_.index() == 0; }
     /// Only for a result that holds a value.

@@ -202,8 +202,9 @@ ExitCode doVerb(Session& session) {
             if (!outcome.words.empty()) object["meaning"] = outcome.words;
             array.push_back(std::move(object));
         } else {
-            const std::string text = namedText(each);
-            session.out.line(sanitised(text.empty() ? action : action + " " + text));
+            std::string line = action;
+            if (const std::string text = namedText(each); !text.empty()) line.append(" ").append(text);
+            session.out.line(sanitised(line));
         }
     }
     if (session.json()) {

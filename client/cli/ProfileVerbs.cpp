@@ -80,6 +80,7 @@ Result<std::uint32_t> findProfile(const std::string& text, const Offered& offere
     if (fitting.size() == 1) return fitting.front();
     if (fitting.size() > 1) {
         std::vector<std::string> titles;
+        titles.reserve(fitting.size());
         for (const std::uint32_t each : fitting) titles.push_back(profileTitle(each));
         return Error{ErrorKind::Ambiguous, "'" + text + "' fits several profiles: " + joined(titles, ", ")};
     }

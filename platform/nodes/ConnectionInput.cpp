@@ -18,6 +18,7 @@ constexpr std::size_t kBlindBytes = Limits::kPendingCalls * sizeof R"({"method":
 
 /// Reads without waiting. Descriptors that a client sends along never get into the process: the kernel drops them when
 /// it is given no room for them.
+// NOLINTNEXTLINE(readability-non-const-parameter): the kernel writes to the buffer
 ssize_t receiveSome(int socket, char* buffer, std::size_t size, int flags, bool& cut) noexcept {
     iovec part{buffer, size};
     msghdr header{};

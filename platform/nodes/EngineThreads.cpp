@@ -34,7 +34,7 @@ bool Engine::startThread() {
     const int error = ending_ ? EAGAIN : pthread_create(&thread, &attributes, &Engine::threadMain, self.get());
     pthread_attr_destroy(&attributes);
     if (error == 0) {
-        self.release();
+        static_cast<void>(self.release());  // the thread's now
         return true;
     }
     waiting_.fetch_sub(1);

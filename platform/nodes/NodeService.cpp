@@ -39,7 +39,7 @@ Ref<NodeService> NodeService::start(Ref<Interfaces::Service> service, Ref<ConMan
         LogRecord(kLogFailure, logHandle()) << "Could not start to serve " << name << ": " << reason;
         return nullptr;
     }
-    const Ref<NodeService> started(
+    Ref<NodeService> started(
         new NodeService(std::move(service), std::move(conMan), name, std::move(engine), std::move(tree)));
     Services& all = services();
     const Lock lock(all.lock);
@@ -86,7 +86,7 @@ Ref<Node> NodeService::makeNode(const Ref<String>& name, std::uint64_t id, mode_
         LogRecord(kLogDegraded, logHandle()) << "Node left out: " << name << ": " << reason;
         return nullptr;
     }
-    const Ref<Node> node(new Node(this, name, id, std::move(*socket)));
+    Ref<Node> node(new Node(this, name, id, std::move(*socket)));
     bool running = false;
     {
         const Lock lock(lock_);
