@@ -16,6 +16,8 @@ public:
     /// Nothing when the lock cannot be had; `reason` says why, and by whom it is held.
     static std::optional<ServerLock> take(int root, std::string_view server, std::string& reason);
     static std::string fileName(std::string_view server);
+    /// Gives the right back, as the destructor does.
+    void release() { file_.reset(); }
 
 private:
     explicit ServerLock(Fd file) : file_(std::move(file)) {}

@@ -276,6 +276,8 @@ void Tree::close() {
     journal_.reset();
     staging_.reset();
     unlinkat(root_.get(), stagingName_.c_str(), AT_REMOVEDIR);
+    // Not with the object, which a request in progress may keep: who stopped the service may start it again.
+    lock_.release();
 }
 
 }  // namespace Services::Nodes

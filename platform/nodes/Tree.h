@@ -58,7 +58,7 @@ private:
     static Mutex treeLock;
 
     const Fd root_;
-    const ServerLock lock_;
+    ServerLock lock_ GUARDED_BY(treeLock);
     const std::string stagingName_;
     Fd staging_;
     std::optional<Journal> journal_ GUARDED_BY(treeLock);

@@ -30,6 +30,7 @@ private:
         auto* const counter = static_cast<Unhandled*>(self);
         if (DBus::dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL) {
             const std::string_view interface = DBus::dbus_message_get_interface(message);
+            if (interface == "org.freedesktop.DBus") return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;  // NameAcquired
             ++(interface == "org.freedesktop.DBus.Properties" ? counter->propertySignals_ : counter->otherSignals_);
         }
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
