@@ -107,7 +107,7 @@ TEST_F(Flood, OfDescriptorsOpensNone) {
     ASSERT_TRUE(answer);
     EXPECT_TRUE(::dbus_message_is_error(answer.get(), DBUS_ERROR_NOT_SUPPORTED));
     // The peer shares the process: its own copies go when it has sent them.
-    EXPECT_TRUE(waitUntil([&] { return openDescriptorsOf(file) == before; }));
+    EXPECT_TRUE(waitUntil([&] { return openDescriptorsOf(file) == before; })) << openDescriptorsOf(file);
     ::close(descriptor);
 }
 
