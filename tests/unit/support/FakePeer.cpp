@@ -85,12 +85,14 @@ void FakePeer::run() {
     int fd = -1;
     const bool hasFd = ::dbus_connection_get_unix_fd(connection_, &fd);
     for (;;) {
-        std::vector<Job> jobs;
         {
-            const std::lock_guard guard(lock_);
-            jobs.swap(jobs_);
+            std::vector<Job> jobs;  // with what they hold, such as descriptors of messages, gone before the wait
+            {
+                const std::lock_guard guard(lock_);
+                jobs.swap(jobs_);
+            }
+            for (const Job& job : jobs) job();
         }
-        for (const Job& job : jobs) job();
         const bool connected = ::dbus_connection_read_write(connection_, 0);
         takeMessages();
         if (ends_) return;
