@@ -9,7 +9,6 @@
 
 #include "adapters/Adapters.h"
 #include "devices/Devices.h"
-#include "platform/nodes/DeviceNode.h"
 #include "tests/unit/support/FakeBluez.h"
 #include "tests/unit/support/LogCapture.h"
 #include "tests/unit/support/NodeRoot.h"
@@ -29,8 +28,6 @@ inline constexpr const char* kDeviceNode = "bluetooth/devices/00:11:22:33:44:55/
 class WithService : public ::testing::Test {
 protected:
     void start() {
-        // As the program does: that node answers its requests whatever ends meanwhile.
-        Services::Nodes::requestOnTermination(String::create("bluetooth/service"), String::create("STOP"));
         service_.emplace();
         ASSERT_EQ(service_->start(), RunningService::Start::Running);
     }

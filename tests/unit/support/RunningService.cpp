@@ -1,5 +1,6 @@
 #include "tests/unit/support/RunningService.h"
 
+#include "platform/nodes/DeviceNode.h"
 #include "tests/unit/support/NodeRoot.h"
 
 namespace UnitTest {
@@ -8,6 +9,8 @@ using Services::Bluetooth::Linux::Service;
 
 RunningService::RunningService() : ended_(end_.get_future()) {
     nodeRoot();
+    // As the program does: that node answers its requests whatever ends meanwhile.
+    Services::Nodes::requestOnTermination(String::create("bluetooth/service"), String::create("STOP"));
     std::promise<Start> started;
     std::future<Start> start = started.get_future();
     thread_ = std::thread([this, started = std::move(started)]() mutable { live(std::move(started)); });
