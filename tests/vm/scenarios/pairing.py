@@ -4,7 +4,7 @@ import os
 import select
 import time
 
-from scenarios.words import (HUMAN, Waiting, connect, fail_as_a_person, find, find_again, pair, profiles,
+from scenarios.words import (HUMAN, Waiting, connect, fail_as_a_person, find, pair, pair_again, profiles,
                              scenario)
 from worlds.facts import (DEVICE, DEVICE_ID, FIRST, FIRST_PATH, HEADSET, KEYBOARD, NOT_LISTED, REMOTE_CONTROL, SECOND,
                           SECOND_PATH, SERIAL_PORT, number)
@@ -50,9 +50,7 @@ def a_wrong_pincode_ends_the_wait_and_a_second_try_pairs(world, start):
             fail_as_a_person(world, "111111" if pincode != "111111" else "222222")
             assert waiting.result() == FAILURE
     assert world.calls_of_service("CancelPairing") == 1
-    with find_again(service, world) as device:
-        assert device.value("STATUS") == 1
-        pair(service, world, device)
+    pair_again(service, world)
 
 
 @scenario()
@@ -65,9 +63,7 @@ def a_rejection_ends_the_wait_and_a_second_try_pairs(world, start):
             waiting = Waiting(client, "WAIT_CONNECTED")
             fail_as_a_person(world, None)
             assert waiting.result() == FAILURE
-    with find_again(service, world) as device:
-        assert device.value("STATUS") == 1
-        pair(service, world, device)
+    pair_again(service, world)
 
 
 @scenario()
@@ -100,9 +96,7 @@ def disconnect_cancels_and_leaves_the_device_usable(world, start):
             assert waiting.result() == FAILURE
         service.wait_log(f"Pair canceled: {SECOND_PATH}", level=1)
     assert world.calls_of_service("CancelPairing") == 1
-    with find_again(service, world) as device:
-        assert device.value("STATUS") == 1
-        pair(service, world, device)
+    pair_again(service, world)
 
 
 @scenario()

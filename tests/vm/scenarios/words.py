@@ -91,5 +91,12 @@ def pair(service, world, device):
     assert device.value("STATUS") == 3
 
 
+def pair_again(service, world):
+    """The device, found anew, is unpaired and can be paired."""
+    with find_again(service, world) as device:
+        assert device.value("STATUS") == 1
+        pair(service, world, device)
+
+
 def profiles(device, attribute="PROFILES"):
     return [number for _, number in device.value(attribute)]
